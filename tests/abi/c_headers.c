@@ -1,0 +1,40 @@
+/*
+ * Proves that every public header is valid C11, on its own and together, and
+ * that the wire records have the same layout as seen from C.
+ */
+#include <stddef.h>
+#include <stdio.h>
+
+#include "arbor/export.h"
+#include "arbor/host_callback.h"
+#include "arbor/ident.h"
+#include "arbor/pairlist.h"
+#include "arbor/rsevents.h"
+#include "arbor/strutils.h"
+#include "arbor/support.h"
+#include "arbor/sys.h"
+#include "arbor/timedq.h"
+#include "arbor/transport.h"
+
+_Static_assert(sizeof(PacketHeader) == 12, "PacketHeader");
+_Static_assert(offsetof(PacketHeader, nLevel) == 10, "PacketHeader.nLevel");
+_Static_assert(sizeof(ConnectTarget) == 772, "ConnectTarget");
+
+static void host_cb(int32_t code, const char* text, int32_t length) {
+  (void)code;
+  (void)text;
+  (void)length;
+}
+
+int main(void) {
+  /* Take the address of a function from each family, so the names resolve. */
+  HostCallback cb = host_cb;
+  typedef void (*any_fn)(void);
+  any_fn fns[] = {(any_fn)SysInit,     (any_fn)DictCreate,
+                  (any_fn)tq_post,     (any_fn)GetUUID,
+                  (any_fn)string_make, (any_fn)InitPairList,
+                  (any_fn)RsSubscribeEvent};
+  (void)cb;
+  printf("c headers: %zu families linked\n", sizeof fns / sizeof fns[0]);
+  return 0;
+}

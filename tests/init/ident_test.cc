@@ -1,0 +1,111 @@
+// The identifier generators: exact shapes, counter start values and wrap,
+// and randseq's use of the process's generator.
+#include "init/ident.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+namespace {
+
+const std::string kAlphabet =
+    "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_.";
+
+bool AllIn(const std::string& s, const std::string& set) {
+  return s.find_first_not_of(set) == std::string::npos;
+}
+
+// The clock digits must be those of a reading taken around the call.
+void ExpectTimeDigits(const std::string& digits, time_t before, time_t after) {
+  char a[5], b[5];
+  std::snprintf(a, sizeof a, "%04x", static_cast<unsigned>(before) & 0xFFFFu);
+  std::snprintf(b, sizeof b, "%04x", static_cast<unsigned>(after) & 0xFFFFu);
+  EXPECT_TRUE(digits == a || digits == b) << digits;
+}
+
+TEST(Identifiers, SidCounterStartsAt7fffAndWrapsAfter65536) {
+  char sid[64];
+  time_t before = std::time(nullptr);
+  std::string first = GenerateSID(sid);
+  ASSERT_EQ(first.size(), 14u);
+  EXPECT_TRUE(AllIn(first.substr(0, 6), kAlphabet));
+  ExpectTimeDigits(first.substr(6, 4), before, std::time(nullptr));
+  EXPECT_EQ(first.substr(10), "7fff");
+  EXPECT_EQ(std::string(GenerateSID(sid)).substr(10), "8000");
+  for (int i = 0; i < 65534; ++i) GenerateSID(sid);
+  EXPECT_EQ(std::string(GenerateSID(sid)).substr(10), "7fff");
+}
+
+TEST(Identifiers, LongSidPrefixLosesItsFirstSixCharacters) {
+  char sid[64];
+  std::string s = generate_sid(sid, "prefix-long");
+  ASSERT_EQ(s.size(), 19u);
+  EXPECT_TRUE(AllIn(s.substr(0, 6), kAlphabet));
+  EXPECT_EQ(s.substr(6, 5), "-long");
+  EXPECT_EQ(s.substr(15), "7fff");
+}
+
+TEST(Identifiers, UuidFillsColumnsLeftOfTextWithRandomCharacters) {
+  char id[33];
+  time_t before = std::time(nullptr);
+  std::string full = GetUUID(id, "abcdefghijklmnopqrstuvwxyz");
+  ASSERT_EQ(full.size(), 32u);
+  EXPECT_EQ(full.substr(0, 24), "abcdefghijklmnopqrstuvwx");
+  ExpectTimeDigits(full.substr(24, 4), before, std::time(nullptr));
+  EXPECT_EQ(full.substr(28), "0ff0");
+
+  before = std::time(nullptr);
+  std::string part = GetUUID(id, "ABCDEFGHIJKLMNOPQRST");
+  time_t after = std::time(nullptr);
+  ASSERT_EQ(part.size(), 32u);
+  EXPECT_EQ(part.substr(4, 20), "ABCDEFGHIJKLMNOPQRST");
+  EXPECT_EQ(part.substr(28), "0ff1");
+  if (before == after) {  // then the seed is known
+    char expected[4];
+    randseq(expected, 4, static_cast<uint32_t>(before) + 0x0ff1);
+    EXPECT_EQ(part.substr(0, 4), std::string(expected, 4));
+  }
+
+  std::string none = GetUUID(id, nullptr);
+  ASSERT_EQ(none.size(), 32u);
+  EXPECT_TRUE(AllIn(none.substr(0, 24), kAlphabet));
+  EXPECT_TRUE(AllIn(none.substr(24), "0123456789abcdef"));
+  EXPECT_EQ(none.substr(28), "0ff2");
+}
+
+TEST(Identifiers, GuestCounterStartsAt0f0fAndMovesOnForRefusedBuffer) {
+  char name[64];
+  time_t before = std::time(nullptr);
+  std::string first = GetGuestUser(name, sizeof name);
+  ASSERT_EQ(first.size(), 31u);
+  ExpectTimeDigits(first.substr(0, 4), before, std::time(nullptr));
+  EXPECT_TRUE(AllIn(first.substr(4, 18), kAlphabet));
+  EXPECT_EQ(first.substr(22), "0f0f@gust");
+
+  char small[31];
+  std::memset(small, 'x', sizeof small);
+  EXPECT_EQ(GetGuestUser(small, sizeof small), small);
+  EXPECT_EQ(std::string(small, sizeof small), std::string(31, 'x'));
+  EXPECT_EQ(std::string(GetGuestUser(name, 32)).substr(22), "0f11@gust");
+}
+
+TEST(Identifiers, RandseqTakesThreeCharactersFromEachRandValue) {
+  std::srand(1234);
+  int r1 = std::rand(), r2 = std::rand(), r3 = std::rand();
+  char text[5] = "....";
+  randseq(text, 4, 1234);
+  EXPECT_EQ(std::rand(), r3);  // two values used, no more
+  EXPECT_EQ(text[3], kAlphabet[r1 & 63]);
+  EXPECT_EQ(text[2], kAlphabet[(r1 >> 6) & 63]);
+  EXPECT_EQ(text[1], kAlphabet[(r1 >> 12) & 63]);
+  EXPECT_EQ(text[0], kAlphabet[r2 & 63]);
+  char again[5] = "....";
+  EXPECT_STREQ(randseq(again, 4, 1234), text);
+  randseq(again, 0, 1);
+  EXPECT_STREQ(again, text);
+}
+
+}  // namespace

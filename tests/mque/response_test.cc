@@ -1,0 +1,75 @@
+// Response lists: order across growth, calls that append while the list
+// runs, refusals, and reuse after respond.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "arbor/timedq.h"
+
+namespace {
+
+std::vector<uintptr_t> seen;
+ResponseList* running = nullptr;
+
+void Note(uintptr_t* payload) {
+  seen.push_back(payload[0]);
+  EXPECT_EQ(payload[1], payload[0] * 10);
+  EXPECT_EQ(payload[2], payload[0] * 100);
+}
+
+// Fills w with the words of entry i and returns it.
+const uintptr_t* Words(uintptr_t i, uintptr_t (&w)[3]) {
+  w[0] = i;
+  w[1] = i * 10;
+  w[2] = i * 100;
+  return w;
+}
+
+// Appends to the list that runs it; the array moves (8 -> 16), and the
+// words this call was given must stay readable.
+void AppendWhileRunning(uintptr_t* payload) {
+  uintptr_t w[3];
+  EXPECT_EQ(append_response(running, Note, Words(payload[0] + 1, w)), 8);
+  Note(payload);
+}
+
+TEST(ResponseList, NineAppendsKeepOrderAcrossSecondGrowth) {
+  ResponseList list{};
+  uintptr_t w[3];
+  for (uintptr_t i = 0; i < 9; ++i)
+    EXPECT_EQ(append_response(&list, Note, Words(i, w)),
+              static_cast<int32_t>(i));
+  EXPECT_EQ(list.count, 9u);
+  EXPECT_EQ(respond(&list), 9u);
+  EXPECT_EQ(seen, (std::vector<uintptr_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST(ResponseList, CallAppendedDuringRespondRunsInSamePass) {
+  ResponseList list{};
+  running = &list;
+  uintptr_t w[3];
+  for (uintptr_t i = 0; i < 7; ++i) append_response(&list, Note, Words(i, w));
+  append_response(&list, AppendWhileRunning, Words(7, w));
+  EXPECT_EQ(respond(&list), 9u);
+  EXPECT_EQ(seen, (std::vector<uintptr_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST(ResponseList, NullFnAddsNothingAndListIsReusable) {
+  ResponseList list{};
+  uintptr_t w[3];
+  EXPECT_EQ(respond(&list), 0u);
+  EXPECT_EQ(append_response(&list, nullptr, Words(1, w)), 0);
+  EXPECT_EQ(list.count, 0u);
+  EXPECT_EQ(list.entries, nullptr);
+  append_response(&list, Note, Words(1, w));
+  EXPECT_EQ(append_response(&list, nullptr, w), 0);
+  EXPECT_EQ(list.count, 1u);
+  EXPECT_EQ(respond(&list), 1u);
+  EXPECT_EQ(list.count, 0u);
+  EXPECT_EQ(list.entries, nullptr);
+  EXPECT_EQ(append_response(&list, Note, Words(2, w)), 0);
+  EXPECT_EQ(respond(&list), 1u);
+  EXPECT_EQ(seen, (std::vector<uintptr_t>{1, 2}));
+}
+
+}  // namespace

@@ -1,0 +1,234 @@
+// The timed queue seen from its callers: order, wake-ups, string copies,
+// the flush at destroy, cancellation, waiting sends and posts from the
+// worker. Handlers record what they were given; the tests wait for records
+// with generous time limits and never measure time.
+#include "arbor/timedq.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Call {
+  int32_t elapsed;
+  uintptr_t arg;
+  std::vector<std::string> argv;
+  bool argv_ends_in_null;
+};
+
+std::mutex mu;
+std::condition_variable cv;
+std::vector<Call> runs;
+bool gate_open = false;
+
+void Record(int32_t elapsed, uintptr_t arg, int32_t argc, char** argv) {
+  Call run{elapsed, arg, {argv, argv + argc}, argv[argc] == nullptr};
+  std::lock_guard lock(mu);
+  runs.push_back(run);
+  cv.notify_all();
+}
+
+// Holds the worker until OpenGate, so that posts pile up in the list.
+void Block(int32_t, uintptr_t, int32_t, char**) {
+  std::unique_lock lock(mu);
+  cv.wait_for(lock, 10s, [] { return gate_open; });
+}
+
+void OpenGate() {
+  std::lock_guard lock(mu);
+  gate_open = true;
+  cv.notify_all();
+}
+
+bool WaitRuns(size_t n) {
+  std::unique_lock lock(mu);
+  return cv.wait_for(lock, 10s, [n] { return runs.size() >= n; });
+}
+
+std::vector<uintptr_t> RunArgs() {
+  std::lock_guard lock(mu);
+  std::vector<uintptr_t> args;
+  for (const Call& run : runs) args.push_back(run.arg);
+  return args;
+}
+
+class TimedQueueTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(q_ = tq_create(), nullptr); }
+  void TearDown() override { Destroy(); }
+  void Destroy() {
+    tq_destroy(q_);
+    q_ = nullptr;
+  }
+  void* Post(uint32_t delay, uintptr_t tag) {
+    return tq_post_v(q_, delay, Record, tag, static_cast<const char*>(nullptr));
+  }
+  TimedQueue* q_ = nullptr;
+};
+
+TEST_F(TimedQueueTest, EqualDeadlinesRunInPostingOrder) {
+  // Back-to-back posts often read the same microsecond from the clock.
+  tq_post(q_, 0, Block, 0, 0, nullptr);
+  std::vector<uintptr_t> expected;
+  for (uintptr_t i = 1; i <= 200; ++i) {
+    Post(0, i);
+    expected.push_back(i);
+  }
+  OpenGate();
+  ASSERT_TRUE(WaitRuns(200));
+  EXPECT_EQ(RunArgs(), expected);
+}
+
+TEST_F(TimedQueueTest, DelayZeroPostWakesWorkerWaitingForLaterEntry) {
+  Post(60000, 99);
+  Post(0, 1);
+  ASSERT_TRUE(WaitRuns(1));  // the worker now sleeps until the 60 s entry
+  Post(0, 2);
+  ASSERT_TRUE(WaitRuns(2));
+  EXPECT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 2}));
+  EXPECT_LE(runs[1].elapsed, 0);
+  Destroy();
+  ASSERT_EQ(runs.size(), 3u);
+  EXPECT_EQ(runs[2].arg, 99u);
+  EXPECT_EQ(runs[2].elapsed, 1);
+}
+
+TEST_F(TimedQueueTest, StringsAreCopiedAndNullTerminated) {
+  char buffer[] = "alpha";
+  const char* one[] = {buffer};
+  tq_post(q_, 0, Block, 0, 0, nullptr);
+  ASSERT_NE(tq_post(q_, 0, Record, 1, 1, one), nullptr);
+  ASSERT_NE(tq_post_v(q_, 0, Record, 2, buffer, "", "gamma",
+                      static_cast<const char*>(nullptr)),
+            nullptr);
+  // A null string ends the list early.
+  tq_post_v(q_, 0, Record, 3, "a", static_cast<const char*>(nullptr), "c",
+            static_cast<const char*>(nullptr));
+  tq_post(q_, 0, Record, 4, 0, nullptr);
+  Post(0, 5);
+  std::strcpy(buffer, "omega");
+  OpenGate();
+  ASSERT_TRUE(WaitRuns(5));
+  using Strings = std::vector<std::string>;
+  EXPECT_EQ(runs[0].argv, Strings{"alpha"});
+  EXPECT_EQ(runs[1].argv, (Strings{"alpha", "", "gamma"}));
+  EXPECT_EQ(runs[2].argv, Strings{"a"});
+  EXPECT_TRUE(runs[3].argv.empty());
+  EXPECT_TRUE(runs[4].argv.empty());
+  for (const Call& run : runs) EXPECT_TRUE(run.argv_ends_in_null);
+}
+
+TEST_F(TimedQueueTest, RefusedPostsQueueNothing) {
+  const char* holes[] = {nullptr};
+  EXPECT_EQ(tq_post(q_, 0, nullptr, 1, 0, nullptr), nullptr);
+  EXPECT_EQ(
+      tq_post_v(q_, 0, nullptr, 2, "x", static_cast<const char*>(nullptr)),
+      nullptr);
+  EXPECT_EQ(tq_send(q_, 0, nullptr, 3, static_cast<const char*>(nullptr)),
+            nullptr);
+  EXPECT_EQ(tq_post(q_, 0, Record, 4, 1, holes), nullptr);
+  EXPECT_EQ(tq_post(q_, 0, Record, 5, -1, nullptr), nullptr);
+  EXPECT_EQ(tq_cancel_if(q_, nullptr, 0), nullptr);
+  ASSERT_NE(tq_send(q_, 0, Record, 6, static_cast<const char*>(nullptr)),
+            nullptr);
+  EXPECT_EQ(RunArgs(), std::vector<uintptr_t>{6});
+}
+
+TEST_F(TimedQueueTest, DestroyFlushesLaterEntriesInTimeOrder) {
+  Post(180000, 2);
+  Post(30000, 1);
+  Destroy();
+  ASSERT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 2}));
+  EXPECT_EQ(runs[0].elapsed, 1);
+  // 150 s between the two due times, give or take the gap between posts.
+  EXPECT_GT(runs[1].elapsed, 140000);
+  EXPECT_LT(runs[1].elapsed, 160000);
+}
+
+int CountCalls(uintptr_t counter, TqHandler, uintptr_t, int32_t, char**) {
+  ++*reinterpret_cast<int*>(counter);
+  return 0;
+}
+
+TEST_F(TimedQueueTest, CancelIfAcceptingNothingChangesNothing) {
+  Post(30000, 1);
+  Post(60000, 2);
+  int calls = 0;
+  EXPECT_NE(tq_cancel_if(q_, CountCalls, reinterpret_cast<uintptr_t>(&calls)),
+            nullptr);
+  EXPECT_EQ(calls, 2);
+  EXPECT_TRUE(RunArgs().empty());
+  Destroy();
+  EXPECT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 2}));
+}
+
+int SelectAllBut(uintptr_t keep, TqHandler fn, uintptr_t arg, int32_t, char**) {
+  return fn == Record && arg != keep;
+}
+
+TEST_F(TimedQueueTest, CancelIfRunsSelectedEntriesInTimeOrder) {
+  Post(60000, 3);
+  Post(30000, 1);
+  Post(45000, 2);
+  ASSERT_NE(tq_cancel_if(q_, SelectAllBut, 2), nullptr);
+  ASSERT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 3}));
+  EXPECT_EQ(runs[0].elapsed, 1);
+  EXPECT_GT(runs[1].elapsed, 1);
+  Destroy();
+  EXPECT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 3, 2}));
+}
+
+TEST_F(TimedQueueTest, SendReturnsAfterItsHandlerRan) {
+  // Due 200 ms ahead: a send that didn't wait would return before the run.
+  ASSERT_NE(tq_send(q_, 200, Record, 7, "x", static_cast<const char*>(nullptr)),
+            nullptr);
+  std::lock_guard lock(mu);
+  ASSERT_EQ(runs.size(), 1u);
+  EXPECT_EQ(runs[0].arg, 7u);
+  EXPECT_EQ(runs[0].argv, std::vector<std::string>{"x"});
+  EXPECT_LE(runs[0].elapsed, 0);
+}
+
+void PostFromWorker(int32_t, uintptr_t q, int32_t, char**) {
+  tq_post_v(reinterpret_cast<TimedQueue*>(q), 0, Record, 5, "again",
+            static_cast<const char*>(nullptr));
+}
+
+TEST_F(TimedQueueTest, HandlersMayPostToTheirOwnQueue) {
+  tq_post(q_, 0, PostFromWorker, reinterpret_cast<uintptr_t>(q_), 0, nullptr);
+  ASSERT_TRUE(WaitRuns(1));
+  EXPECT_EQ(runs[0].argv, std::vector<std::string>{"again"});
+}
+
+void* send_result = &send_result;
+void* cancel_result = &cancel_result;
+void* post_result = nullptr;
+
+// Flushed while tq_destroy closes the queue: nothing it asks for may run,
+// and nothing may wait for the worker (it is this thread).
+void OnFlush(int32_t, uintptr_t q, int32_t, char**) {
+  auto* queue = reinterpret_cast<TimedQueue*>(q);
+  send_result = tq_send(queue, 0, Record, 8, static_cast<const char*>(nullptr));
+  cancel_result = tq_cancel_if(queue, SelectAllBut, 0);
+  post_result =
+      tq_post_v(queue, 0, Record, 9, static_cast<const char*>(nullptr));
+}
+
+TEST_F(TimedQueueTest, ClosingQueueDropsPostsAndRefusesWaitingCalls) {
+  tq_post(q_, 30000, OnFlush, reinterpret_cast<uintptr_t>(q_), 0, nullptr);
+  Destroy();
+  EXPECT_EQ(send_result, nullptr);
+  EXPECT_EQ(cancel_result, nullptr);
+  EXPECT_NE(post_result, nullptr);
+  EXPECT_TRUE(RunArgs().empty());
+}
+
+}  // namespace

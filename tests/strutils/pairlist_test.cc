@@ -1,0 +1,227 @@
+// Tests of the key-value block. Most cases read the raw block (length field,
+// lines, tail) because the line arithmetic is where faults hide: a wrong
+// offset shows up as a stray byte long before it shows up in GetString.
+// The out-of-memory case limits the address space of its own process.
+#include "arbor/pairlist.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "arbor/strutils.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+// Owns one block for a test.
+struct Block {
+  PairList list = nullptr;
+  Block() { EXPECT_EQ(InitPairList(&list), &list); }
+  ~Block() { std::free(list); }
+  PairList* p() { return &list; }
+
+  uint32_t length() const {
+    uint32_t n;
+    std::memcpy(&n, list, sizeof n);
+    return n;
+  }
+  // The lines and the tail, as stored.
+  std::string raw() const {
+    return {reinterpret_cast<const char*>(list) + 4, length() + 2u};
+  }
+};
+
+TEST(PairList, EmptyBlockHasOnlyTheTail) {
+  Block b;
+  EXPECT_EQ(GetStringLength(b.p()), 0u);
+  EXPECT_EQ(b.raw(), "\0\n"s);
+  char buf[8] = "xxxxxxx";
+  EXPECT_EQ(List2Buffer(buf, sizeof buf, b.p()), 0u);
+  EXPECT_STREQ(buf, "");
+  EXPECT_STREQ(FinalString(b.p()), "");
+}
+
+TEST(PairList, LinesEndInNulLfAndFinalTextInCrLf) {
+  Block b;
+  EXPECT_STREQ(SetString(b.p(), "Host", "a"), "a");
+  EXPECT_STREQ(SetString(b.p(), "Port", "ab"), "ab");
+  EXPECT_EQ(GetStringLength(b.p()), 19u);
+  EXPECT_EQ(b.raw(), "Host: a\0\nPort: ab\0\n\0\n"s);
+  EXPECT_STREQ(GetString(b.p(), "Port"), "ab");
+  EXPECT_EQ(GetString(b.p(), "Other"), nullptr);
+
+  char* text = List2String(b.p());
+  EXPECT_STREQ(text, "Host: a\r\nPort: ab\r\n");
+  std::free(text);
+  EXPECT_EQ(b.raw(), "Host: a\0\nPort: ab\0\n\0\n"s);  // List2String only reads
+
+  EXPECT_STREQ(FinalString(b.p()), "Host: a\r\nPort: ab\r\n");
+  EXPECT_STREQ(GetString(b.p(), "Host"), "a\r\nPort: ab\r\n");
+}
+
+TEST(PairList, ReplacementStaysInPlaceWhateverItsLength) {
+  Block b;
+  SetString(b.p(), "A", "1");
+  SetString(b.p(), "B", "2");
+  SetString(b.p(), "A", "longer");
+  EXPECT_EQ(b.raw(), "A: longer\0\nB: 2\0\n\0\n"s);
+  EXPECT_EQ(GetStringLength(b.p()), 17u);
+  SetString(b.p(), "A", "");
+  EXPECT_EQ(b.raw(), "A: \0\nB: 2\0\n\0\n"s);
+  EXPECT_STREQ(GetString(b.p(), "A"), "");
+  SetString(b.p(), "B", "xy");
+  EXPECT_EQ(b.raw(), "A: \0\nB: xy\0\n\0\n"s);
+}
+
+TEST(PairList, KeysMatchWholeAndWithCase) {
+  Block b;
+  SetString(b.p(), "Content-Type", "text");
+  EXPECT_EQ(GetString(b.p(), "Content"), nullptr);
+  EXPECT_EQ(GetString(b.p(), "Content-Type:"), nullptr);
+  EXPECT_EQ(GetString(b.p(), "content-type"), nullptr);
+  SetStringL(b.p(), "Content", "xyz", 0);
+  EXPECT_STREQ(GetString(b.p(), "Content"), "");
+  EXPECT_STREQ(GetString(b.p(), "Content-Type"), "text");
+  EXPECT_STREQ(SetInteger(b.p(), "N", -42), "-42");
+  EXPECT_EQ(GetInteger(b.p(), "N"), -42);
+  EXPECT_EQ(GetInteger(b.p(), "M"), 0);
+}
+
+TEST(PairList, RemoveKeyClosesTheGap) {
+  Block b;
+  SetString(b.p(), "A", "1");
+  SetString(b.p(), "B", "22");
+  SetString(b.p(), "C", "3");
+  EXPECT_EQ(RemoveKey(b.p(), "Z"), nullptr);
+  EXPECT_STREQ(RemoveKey(b.p(), "B"), "C: 3");
+  EXPECT_EQ(b.raw(), "A: 1\0\nC: 3\0\n\0\n"s);
+  char* after = RemoveKey(b.p(), "C");
+  EXPECT_EQ(b.raw(), "A: 1\0\n\0\n"s);
+  EXPECT_EQ(after, reinterpret_cast<char*>(b.list) + 4 + 6);
+  RemoveKey(b.p(), "A");
+  EXPECT_EQ(b.raw(), "\0\n"s);
+  SetString(b.p(), "D", "4");
+  EXPECT_EQ(b.raw(), "D: 4\0\n\0\n"s);
+}
+
+TEST(PairList, List2BufferCutsAtSizeLessOne) {
+  Block b;
+  SetString(b.p(), "Host", "a");
+  EXPECT_EQ(List2Buffer(nullptr, 0, b.p()), 9u);
+  char buf[16];
+  std::memset(buf, 'x', sizeof buf);
+  EXPECT_EQ(List2Buffer(buf, 1, b.p()), 0u);
+  EXPECT_EQ(buf[0], '\0');
+  EXPECT_EQ(buf[1], 'x');
+  EXPECT_EQ(List2Buffer(buf, 9, b.p()), 8u);
+  EXPECT_STREQ(buf, "Host: a\r");
+  EXPECT_EQ(List2Buffer(buf, sizeof buf, b.p()), 9u);
+  EXPECT_STREQ(buf, "Host: a\r\n");
+}
+
+TEST(PairList, SetBufferStoresHeadAndPointsAtBlankLine) {
+  const char text[] = "A: 1\r\nB:2\r\n\r\nbody";
+  Block b;
+  EXPECT_EQ(SetBuffer(b.p(), text, sizeof text - 1), text + 11);
+  EXPECT_STREQ(GetString(b.p(), "A"), "1");
+  EXPECT_STREQ(GetString(b.p(), "B"), "2");
+
+  Block one;
+  EXPECT_EQ(SetBufferNL(one.p(), text, sizeof text - 1, 1), text + 6);
+  EXPECT_EQ(one.raw(), "A: 1\0\n\0\n"s);
+  EXPECT_EQ(SetBufferNL(one.p(), text, sizeof text - 1, 0), text);
+}
+
+TEST(PairList, SetBufferCountsCrLfAndNulLfOnceAndLfLfTwice) {
+  const std::string text = "A: 1\0\nB: 2\r\nC: 3\n\nD: 4"s;
+  Block b;
+  EXPECT_EQ(SetBuffer(b.p(), text.data(), text.size()), text.data() + 17);
+  EXPECT_EQ(b.raw(), "A: 1\0\nB: 2\0\nC: 3\0\n\0\n"s);
+
+  const char last[] = "E: 5";  // no line end: all input is used
+  EXPECT_EQ(SetBuffer(b.p(), last, sizeof last - 1), nullptr);
+  EXPECT_STREQ(GetString(b.p(), "E"), "5");
+}
+
+TEST(PairList, SetBufferSkipsKeylessLinesAndTrimsOnlyAfterColon) {
+  const char text[] = ":x\r\nno colon\r\nK: \t v  \r\nL:\r\n";
+  Block b;
+  EXPECT_EQ(SetBufferNL(b.p(), text, sizeof text - 1, 2), text + 14);
+  EXPECT_EQ(GetStringLength(b.p()), 0u);
+  EXPECT_EQ(SetBuffer(b.p(), text, sizeof text - 1), nullptr);
+  EXPECT_STREQ(GetString(b.p(), "K"), "v  ");
+  EXPECT_STREQ(GetString(b.p(), "L"), "");
+}
+
+TEST(PairList, RefusesKeysAndValuesThatWouldBreakLines) {
+  Block b;
+  SetString(b.p(), "A", "1");
+  const std::string before = b.raw();
+  EXPECT_EQ(SetString(b.p(), "a:b", "1"), nullptr);
+  EXPECT_EQ(SetString(b.p(), "A", "1\r\nB: 2"), nullptr);
+  EXPECT_EQ(SetStringL(b.p(), "A", "1\0002", 3), nullptr);
+  EXPECT_EQ(b.raw(), before);
+}
+
+TEST(PairList, ValueTakenFromTheSameBlockSurvivesTheMove) {
+  Block b;
+  SetString(b.p(), "A", "first value");
+  EXPECT_STREQ(SetString(b.p(), "B", GetString(b.p(), "A")), "first value");
+  EXPECT_STREQ(SetString(b.p(), "A", GetString(b.p(), "A") + 6), "value");
+  EXPECT_EQ(b.raw(), "A: value\0\nB: first value\0\n\0\n"s);
+}
+
+TEST(PairListDeathTest, CallerFaultsAssertWithFixedTexts) {
+  Block b;
+  EXPECT_DEATH(GetString(b.p(), nullptr), "assertion failed: key");
+  EXPECT_DEATH(SetString(b.p(), "k", nullptr), "assertion failed: key && val");
+  EXPECT_DEATH(SetString(b.p(), "", "v"), "assertion failed: strlen\\(key\\) > 0");
+  EXPECT_DEATH(SetBuffer(b.p(), "x", 0), "assertion failed: beg && len");
+}
+
+// Caps the soft address-space limit at what the process maps now plus
+// `headroom`, and lifts the cap again on destruction.
+struct AddressSpaceCap {
+  rlimit saved{};
+  bool ok = false;
+  explicit AddressSpaceCap(size_t headroom) {
+    unsigned long pages = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+      if (std::fscanf(f, "%lu", &pages) != 1) pages = 0;
+      std::fclose(f);
+    }
+    if (pages == 0 || getrlimit(RLIMIT_AS, &saved) != 0) return;
+    rlimit cap = saved;
+    cap.rlim_cur = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + headroom;
+    ok = setrlimit(RLIMIT_AS, &cap) == 0;
+  }
+  ~AddressSpaceCap() {
+    if (ok) setrlimit(RLIMIT_AS, &saved);
+  }
+};
+
+TEST(PairList, FailedGrowthLeavesBlockValidAndSetReturnsNull) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's shadow memory needs the address space";
+#else
+  const std::string big(96u << 20, 'x');
+  Block b;
+  SetString(b.p(), "A", "1");
+  AddressSpaceCap cap(16u << 20);
+  ASSERT_TRUE(cap.ok);
+  EXPECT_EQ(SetStringL(b.p(), "B", big.data(), big.size()), nullptr);
+  EXPECT_EQ(b.raw(), "A: 1\0\n\0\n"s);
+  EXPECT_EQ(memorydup(big.data(), big.size()), nullptr);
+  EXPECT_STREQ(SetString(b.p(), "C", "3"), "3");
+  EXPECT_EQ(b.raw(), "A: 1\0\nC: 3\0\n\0\n"s);
+#endif
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+// LOG_Print: the threshold, the line's shape, long messages, and whole lines
+// from many threads, both through a sink and on standard error.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "arbor/support.h"
+
+namespace {
+
+struct Capture {
+  std::vector<std::string> lines;
+  std::vector<int> levels;
+  std::atomic<int> inside{0};
+  bool overlapped = false;
+
+  Capture() { LOG_SetSink(&Capture::Sink, this); }
+  ~Capture() { LOG_SetSink(nullptr, nullptr); }
+
+  static void Sink(void* context, int level, const char* line, size_t len) {
+    auto* self = static_cast<Capture*>(context);
+    if (self->inside.fetch_add(1) != 0) self->overlapped = true;
+    self->lines.emplace_back(line, len);
+    self->levels.push_back(level);
+    self->inside.fetch_sub(1);
+  }
+};
+
+const std::regex kLineShape(
+    R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} L(\d+) \[(\d+)\] )"
+    R"(log_test\.cc:\d+ (\S+): (.*)$)");
+// Long enough that a line needs the heap.
+const std::string kPad(3000, 'p');
+
+// Logs 100 padded lines from each of four threads.
+void LogFromThreads() {
+  std::vector<std::thread> workers;
+  for (int t = 0; t < 4; ++t) {
+    workers.emplace_back([t] {
+      for (int i = 0; i < 100; ++i)
+        ARBOR_LOG(0, "t%d n%d %s", t, i, kPad.c_str());
+    });
+  }
+  for (auto& w : workers) w.join();
+}
+
+// Every line is one whole line of LogFromThreads. std::regex recurses per
+// byte, so the head is matched and the padding compared.
+void ExpectWholeLines(const std::vector<std::string>& lines) {
+  ASSERT_EQ(lines.size(), 400u);
+  for (const std::string& line : lines) {
+    ASSERT_GT(line.size(), kPad.size());
+    const size_t head = line.size() - kPad.size();
+    ASSERT_EQ(line.compare(head, kPad.size(), kPad), 0) << line.substr(0, 99);
+    std::smatch m;
+    const std::string front = line.substr(0, head);
+    ASSERT_TRUE(std::regex_match(front, m, kLineShape)) << front;
+    EXPECT_TRUE(std::regex_match(m[4].str(), std::regex(R"(t\d n\d+ )")));
+  }
+}
+
+}  // namespace
+
+TEST(Log, ThresholdFiltersHigherLevels) {
+  Capture cap;
+  LOG_SetLevel(1);
+  EXPECT_EQ(ARBOR_LOG(2, "dropped"), 0);
+  EXPECT_EQ(ARBOR_LOG(1, "kept"), 1);
+  EXPECT_EQ(LOG_SetLevel(3), 1);
+  EXPECT_EQ(ARBOR_LOG(3, "kept too"), 1);
+  EXPECT_EQ(cap.levels, (std::vector<int>{1, 3}));
+}
+
+// Relies on a fresh process, as each case gets under CTest: the variable is
+// read at the first call that needs the threshold.
+TEST(Log, EnvironmentSetsStartingThresholdOnce) {
+  ASSERT_EQ(setenv("ARBOR_LOG_LEVEL", "2", 1), 0);
+  EXPECT_EQ(LOG_GetLevel(), 2);
+  ASSERT_EQ(setenv("ARBOR_LOG_LEVEL", "3", 1), 0);
+  EXPECT_EQ(LOG_GetLevel(), 2);
+}
+
+TEST(Log, LineCarriesTimeLevelThreadPlaceAndNoExtraLineEnd) {
+  Capture cap;
+  ARBOR_LOG(0, "hello %d %.*s\n", 5, 3, "abcdef");
+  ASSERT_EQ(cap.lines.size(), 1u);
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(cap.lines[0], m, kLineShape)) << cap.lines[0];
+  EXPECT_EQ(m[1], "0");
+  EXPECT_EQ(m[2], std::to_string(syscall(SYS_gettid)));
+  EXPECT_EQ(m[3], "TestBody");
+  EXPECT_EQ(m[4], "hello 5 abc");
+}
+
+TEST(Log, LongMessageIsWrittenWhole) {
+  Capture cap;
+  const std::string tail = std::string(100000, 'z') + "|end";
+  ARBOR_LOG(0, "%s", tail.c_str());
+  ASSERT_EQ(cap.lines.size(), 1u);
+  ASSERT_GT(cap.lines[0].size(), tail.size());
+  EXPECT_EQ(cap.lines[0].substr(cap.lines[0].size() - tail.size()), tail);
+}
+
+TEST(Log, ConcurrentLinesReachSinkOneAtATime) {
+  Capture cap;
+  LogFromThreads();
+  EXPECT_FALSE(cap.overlapped);
+  ExpectWholeLines(cap.lines);
+}
+
+TEST(Log, ConcurrentLinesReachStandardErrorWhole) {
+  std::FILE* file = std::tmpfile();
+  ASSERT_NE(file, nullptr);
+  const int saved = dup(STDERR_FILENO);
+  ASSERT_GE(dup2(fileno(file), STDERR_FILENO), 0);
+  LogFromThreads();
+  dup2(saved, STDERR_FILENO);
+  close(saved);
+
+  std::rewind(file);
+  std::vector<std::string> lines;
+  std::string line;
+  for (int c; (c = std::fgetc(file)) != EOF;) {
+    if (c != '\n') {
+      line.push_back(static_cast<char>(c));
+    } else {
+      lines.push_back(std::move(line));
+      line.clear();
+    }
+  }
+  std::fclose(file);
+  EXPECT_TRUE(line.empty());  // the last line ended too
+  ExpectWholeLines(lines);
+}
