@@ -217,13 +217,19 @@ void dict_fill(DictObject& dict, const char* p, const char* end) {
 }
 
 // Reads a whole value as an int32_t: an optional sign and digits.
+// Numbers travel as signed ("%d") and unsigned ("%u") decimal text: peer
+// ids and flag words use all 32 bits. A value in [INT32_MIN, UINT32_MAX]
+// is read and wrapped to 32 bits, so "4294967295" reads back as the same
+// bits that were written. Leading blanks are skipped, as strtol would.
 int32_t dict_parse_int(const char* s) {
+  while (*s == ' ' || *s == '\t') ++s;
   const char* end = s + std::strlen(s);
   if (*s == '+' && s[1] != '-') ++s;  // from_chars takes '-' but not '+'
-  int32_t v = 0;
+  int64_t v = 0;
   auto [ptr, ec] = std::from_chars(s, end, v);
-  if (ec != std::errc() || ptr != end) return -1;
-  return v;
+  if (ec != std::errc() || ptr != end || ptr == s) return -1;
+  if (v < INT32_MIN || v > int64_t{UINT32_MAX}) return -1;
+  return static_cast<int32_t>(static_cast<uint32_t>(v));
 }
 
 }  // namespace

@@ -128,6 +128,60 @@ ARBOR_EXPORT void event_subscribe(int32_t elapsed, uintptr_t arg,
 ARBOR_EXPORT void event_unsubscribe(int32_t elapsed, uintptr_t arg,
                                     int32_t argc, char** argv);
 
+/* ------------------------------------------------------------- Emission */
+
+/*
+ * The words that evt_deliver reads through its ctx: given as ctx to
+ * RsEmitEvent, they pick the one subscriber (uid, asc) that receives the
+ * body, while every matching subscriber is still counted.
+ */
+typedef struct EvtDeliverFilter {
+  uint32_t uid;
+  int32_t asc;
+} EvtDeliverFilter;
+
+/*
+ * Emits event evname at path with text body: delivers body to every
+ * subscriber of evname (and of "eventAny") in the subtree below the deepest
+ * node that exists on path, then to the subscribers of evname in the global
+ * list. A path that matches no node starts at the root; an empty path, or
+ * dots only, reaches the global list alone. A node whose name begins with
+ * '$' hears events itself but is not walked below when the walk reaches it
+ * from above. Within the tree the order is depth first, parent before
+ * children, at each node evname's subscribers before "eventAny"'s, and in a
+ * slot the order of subscription.
+ *
+ * Each subscriber's match filter is asked first; sender (null: the one
+ * given to evt_init) is then called with ctx unchanged, under the event lock
+ * (convention 4). Returns the number of sender calls, whatever the senders
+ * did with them. Returns 0 with nothing delivered and nothing locked for a
+ * null path, evname or body, a path of 256 characters or more, or a path of
+ * more than EVT_MAX_PIECES pieces; all but a null path or evname log a
+ * level-0 line. Blocks on the event lock; allocates nothing.
+ */
+ARBOR_EXPORT int32_t RsEmitEvent(const char* path, const char* evname,
+                                 const char* body, EvtSenderFn sender,
+                                 void* ctx);
+
+/*
+ * Timed-queue handler that emits on the worker thread: with argc 3 or more
+ * (and none of the three null) it calls RsEmitEvent(argv[0], argv[1],
+ * argv[2], null, null), also when flushed; otherwise it does nothing.
+ */
+ARBOR_EXPORT void event_emit(int32_t elapsed, uintptr_t arg, int32_t argc,
+                             char** argv);
+
+/*
+ * The default sender, installed by SysInit. ctx is null or points to an
+ * EvtDeliverFilter: then only the subscriber it names is served. uid 0
+ * hands body, its final NUL counted, to the local service table's handlers
+ * of asc (evt_local_asc); any other uid sends body, without the NUL, to that
+ * LAN peer (sendasc with flags 0). A failed send is logged by sendasc and
+ * not reported. A null body is refused with a level-0 line.
+ */
+ARBOR_EXPORT void evt_deliver(void* ctx, uint32_t uid, int32_t asc,
+                              const char* body);
+
 ARBOR_END_DECLS
 
 #endif /* ARBOR_RSEVENTS_H */

@@ -72,9 +72,11 @@ ARBOR_EXPORT const char* DictGetStr(Dict dict, const char* key);
 
 /*
  * The value of key read as a decimal number. 0 for an absent key or a null
- * dict; -1 for a value that is not wholly an optional sign and decimal digits
- * that fit in 32 bits (so a named value is told from a positive number by a
- * result below 1).
+ * dict. Signed and unsigned 32-bit text both read back: a value from
+ * INT32_MIN to UINT32_MAX is taken and wrapped to 32 bits (cast the result to
+ * uint32_t for "%u" values). -1 for a value that is not wholly optional
+ * blanks, an optional sign and decimal digits in that range, so a named value
+ * is told from a positive number by a result below 1.
  */
 ARBOR_EXPORT int32_t DictGetInt(Dict dict, const char* key);
 

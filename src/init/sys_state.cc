@@ -10,6 +10,8 @@
 
 #include <cstring>
 
+#include "arbor/asc.h"
+#include "arbor/device_class.h"
 #include "arbor/rsevents.h"
 #include "arbor/support.h"
 #include "arbor/sys.h"
@@ -30,6 +32,13 @@ SysState sys_ = {
 TimedQueue* timedq_ = nullptr;
 
 namespace {
+// Guards the pointer timedq_ (not the queue): posts hold it shared while they
+// use the queue, SysExit holds it exclusive to take the queue away. Statically
+// initialised and never destroyed, like the event lock.
+pthread_rwlock_t timedq_guard = PTHREAD_RWLOCK_INITIALIZER;
+}  // namespace
+
+namespace {
 
 // Stands in for a host that gave no callback: its events are dropped.
 void no_host_callback(int32_t, const char*, int32_t) {}
@@ -43,6 +52,16 @@ void copy_version_field(char (&field)[32], const char* value) {
 }
 
 }  // namespace
+
+void* sys_post_timed(uint32_t delay, TqHandler fn, uintptr_t arg,
+                     int32_t argc, const char* const* argv) {
+  pthread_rwlock_rdlock(&timedq_guard);
+  void* posted = timedq_ != nullptr
+                     ? tq_post(timedq_, delay, fn, arg, argc, argv)
+                     : nullptr;
+  pthread_rwlock_unlock(&timedq_guard);
+  return posted;
+}
 
 void sys_notify_host(int32_t code, const char* text, int32_t length) {
   sys_.host_callback.load(std::memory_order_relaxed)(code, text, length);
@@ -60,21 +79,39 @@ extern "C" ARBOR_EXPORT int32_t SysInit(HostCallback callback) {
   ARBOR_LOG(3, "START initialize.");
 
   // The event lock is statically initialised (see sys_state.h).
-  evt_init(evt_lock, evt_unlock, nullptr);
+  evt_init(evt_lock, evt_unlock, evt_deliver);
 
+  ARBOR_LOG(2, "load 'dev' directory: %s", "dev");
+  cdef_init("dev");
+
+  asc_init();
   NetOpen();
 
   // Last: everything that posts to the timed queue may run from here on.
-  timedq_ = tq_create();
+  TimedQueue* q = tq_create();
+  pthread_rwlock_wrlock(&timedq_guard);
+  timedq_ = q;
+  pthread_rwlock_unlock(&timedq_guard);
   return 0;
 }
 
 extern "C" ARBOR_EXPORT int32_t SysExit(void) {
-  if (timedq_ != nullptr) {
+  // The queue is taken away before it is destroyed, so that a command still
+  // running on the consumer finds no queue rather than a freed one. Entries
+  // still pending run now, flushed, while every table is in place.
+  pthread_rwlock_wrlock(&timedq_guard);
+  TimedQueue* q = timedq_;
+  timedq_ = nullptr;
+  pthread_rwlock_unlock(&timedq_guard);
+  if (q != nullptr) {
     ARBOR_LOG(2, "%s:tq_destroy", __func__);
-    tq_destroy(timedq_);
-    timedq_ = nullptr;
+    tq_destroy(q);
   }
+
+  // Before the forest stops, so a command that dispatches from here on finds
+  // no handler.
+  ARBOR_LOG(2, "%s:asc_uninit", __func__);
+  asc_uninit();
 
   if (sys_.lan_state.load(std::memory_order_relaxed) >= 0) {
     // Off before the transport hears of it, so a late callback finds the
@@ -86,6 +123,9 @@ extern "C" ARBOR_EXPORT int32_t SysExit(void) {
 
   ARBOR_LOG(2, "%s:NetClose", __func__);
   NetClose();
+
+  ARBOR_LOG(2, "%s:cdef_uninit", __func__);
+  cdef_uninit();
   return 0;
 }
 

@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "arbor/host_callback.h"
+#include "arbor/timedq.h"
 
 struct SysState {
   // Never null after SysInit: no_host_callback stands in for a null one.
@@ -38,6 +39,13 @@ struct SysState {
 };
 
 extern SysState sys_;
+
+// Posts to the library's timed queue: tq_post on timedq_, unless there is no
+// queue (before SysInit, and from SysExit on), which gives null. SysExit
+// cannot free the queue while a post is under way, so the library's own
+// threads post through here rather than reading timedq_.
+void* sys_post_timed(uint32_t delay, TqHandler fn, uintptr_t arg,
+                     int32_t argc, const char* const* argv);
 
 // Calls the installed host callback. Safe from any thread.
 void sys_notify_host(int32_t code, const char* text, int32_t length);

@@ -11,6 +11,7 @@
 #include "arbor/rsevents.h"
 #include "arbor/sys.h"
 #include "arbor/timedq.h"
+#include "init/sys_state.h"
 
 namespace {
 
@@ -18,16 +19,14 @@ namespace {
 int32_t post_subscription(TqHandler handler, int32_t asc, const char* resource,
                           const char* event, int32_t extra, const char* text) {
   if (resource == nullptr || event == nullptr || asc < 1) return 0;
-  TimedQueue* q = timedq_;
-  if (q == nullptr) return 0;  // not running: refused like any bad argument
   char asc_text[12];
   char extra_text[12];
   std::snprintf(asc_text, sizeof asc_text, "%d", asc);
   std::snprintf(extra_text, sizeof extra_text, "%d", extra);
-  // A null text ends the list early, leaving it out.
-  void* posted = tq_post_v(q, 0, handler, 0, "0", asc_text, resource, event,
-                           extra_text, text, static_cast<const char*>(nullptr));
-  return posted != nullptr ? 1 : 0;
+  const char* argv[] = {"0", asc_text, resource, event, extra_text, text};
+  int32_t argc = text != nullptr ? 6 : 5;  // the text is optional
+  // Refused like any bad argument when the library is not running.
+  return sys_post_timed(0, handler, 0, argc, argv) != nullptr ? 1 : 0;
 }
 
 }  // namespace

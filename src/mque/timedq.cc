@@ -30,6 +30,8 @@
 #include <sys/time.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -234,33 +236,45 @@ void* tq_thread_func(void* param) {
   // Flush. Nothing can be linked any more; the lock only orders this read
   // after the last post for the memory model. The closing may have been
   // seen before the marker's own batch ran (marker accepted just before the
-  // read above, or before the worker's first look): what is due then still
-  // runs as a normal batch, so that only entries due after the marker are
-  // flushed, the first of them with elapsed 1.
+  // read above, or before the worker's first look): the marker and what
+  // stands before it, all due by the marker's time, then still run as a
+  // normal batch. Whatever stands behind the marker is flushed, also an
+  // entry that came due while the last batch ran, the first with elapsed 1.
   pthread_mutex_lock(&q->mutex);
   TqExec* rest = q->head;
   q->head = nullptr;
   pthread_mutex_unlock(&q->mutex);
-  TqTime now = tq_now();
-  TqExec* due = tq_cut_due(&rest, now);
-  tq_run_list(due, now);
+  TqExec* marker = rest;
+  while (marker != nullptr && marker->fn != tq_exit_marker)
+    marker = marker->next;
+  if (marker != nullptr) {
+    TqExec* due = rest;
+    rest = marker->next;
+    marker->next = nullptr;
+    tq_run_list(due, tq_now());
+  }
   if (rest != nullptr) tq_run_list(rest, tq_pseudo_now(rest));
   return nullptr;
 }
 
-// tq_send's one-shot gate. The mutex is locked by the sender and unlocked by
-// the worker: deliberate, and allowed for a mutex of the default kind.
+// tq_send's one-shot gate: the sender waits until the worker has run the
+// entry. The worker opens it under the gate's mutex, so the sender cannot
+// see it open, return and destroy the gate before the worker is done with it.
 struct TqSendGate {
-  TqHandler fn;
-  uintptr_t arg;
-  pthread_mutex_t mutex;
+  TqHandler fn = nullptr;
+  uintptr_t arg = 0;
+  std::mutex mutex;
+  std::condition_variable opened_cond;
+  bool opened = false;
 };
 
 void tq_send_wrapper(int32_t elapsed, uintptr_t record, int32_t argc,
                      char** argv) {
   auto* gate = reinterpret_cast<TqSendGate*>(record);
   gate->fn(elapsed, gate->arg, argc, argv);
-  pthread_mutex_unlock(&gate->mutex);  // gate may be gone right after this
+  std::lock_guard<std::mutex> hold(gate->mutex);
+  gate->opened = true;
+  gate->opened_cond.notify_one();
 }
 
 // Posts e (whose arg is gate) and waits until the worker has run it. Null,
@@ -268,18 +282,11 @@ void tq_send_wrapper(int32_t elapsed, uintptr_t record, int32_t argc,
 // the gate would never open, so the sender must not wait on it.
 void* tq_send_entry(TimedQueue* q, uint32_t delay, TqExec* e,
                     TqSendGate* gate) {
-  int rc = pthread_mutex_init(&gate->mutex, nullptr);
-  if (rc != 0) {
-    ARBOR_LOG(0, "pthread_mutex_init: %d\n", rc);
-    std::free(e);
-    return nullptr;
-  }
-  pthread_mutex_lock(&gate->mutex);  // the gate is shut
   TqPosted posted = tq_link(q, delay, e);
-  if (posted == TqPosted::kLinked) pthread_mutex_lock(&gate->mutex);
-  pthread_mutex_unlock(&gate->mutex);
-  pthread_mutex_destroy(&gate->mutex);
-  return posted == TqPosted::kLinked ? e : nullptr;
+  if (posted != TqPosted::kLinked) return nullptr;
+  std::unique_lock<std::mutex> hold(gate->mutex);
+  gate->opened_cond.wait(hold, [gate] { return gate->opened; });
+  return e;  // a truth value only: the entry is gone by now
 }
 
 struct TqCancel {
@@ -416,7 +423,9 @@ extern "C" ARBOR_EXPORT void* tq_send(TimedQueue* q, uint32_t delay,
                                       TqHandler fn, uintptr_t arg, ...) {
   ARBOR_ASSERT(q, "q");
   if (fn == nullptr) return nullptr;
-  TqSendGate gate{fn, arg, {}};
+  TqSendGate gate;
+  gate.fn = fn;
+  gate.arg = arg;
   va_list va;
   va_start(va, arg);
   TqExec* e =

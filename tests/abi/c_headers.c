@@ -5,11 +5,15 @@
 #include <stddef.h>
 #include <stdio.h>
 
+#include "arbor/asc.h"
+#include "arbor/cdef.h"
+#include "arbor/device_class.h"
 #include "arbor/export.h"
 #include "arbor/host_callback.h"
 #include "arbor/ident.h"
 #include "arbor/pairlist.h"
 #include "arbor/rsevents.h"
+#include "arbor/send.h"
 #include "arbor/strutils.h"
 #include "arbor/support.h"
 #include "arbor/sys.h"
@@ -19,6 +23,7 @@
 _Static_assert(sizeof(PacketHeader) == 12, "PacketHeader");
 _Static_assert(offsetof(PacketHeader, nLevel) == 10, "PacketHeader.nLevel");
 _Static_assert(sizeof(ConnectTarget) == 772, "ConnectTarget");
+_Static_assert(sizeof(cdef) == 10 * sizeof(void*), "cdef");
 
 static void host_cb(int32_t code, const char* text, int32_t length) {
   (void)code;
@@ -33,7 +38,8 @@ int main(void) {
   any_fn fns[] = {(any_fn)SysInit,     (any_fn)DictCreate,
                   (any_fn)tq_post,     (any_fn)GetUUID,
                   (any_fn)string_make, (any_fn)InitPairList,
-                  (any_fn)RsSubscribeEvent};
+                  (any_fn)RsSubscribeEvent, (any_fn)SysRegisterDev,
+                  (any_fn)SysRegistAS,  (any_fn)sendasc};
   (void)cb;
   printf("c headers: %zu families linked\n", sizeof fns / sizeof fns[0]);
   return 0;

@@ -33,22 +33,15 @@ void AppendWhileRunning(uintptr_t* payload) {
   Note(payload);
 }
 
-TEST(ResponseList, NineAppendsKeepOrderAcrossSecondGrowth) {
-  ResponseList list{};
-  uintptr_t w[3];
-  for (uintptr_t i = 0; i < 9; ++i)
-    EXPECT_EQ(append_response(&list, Note, Words(i, w)),
-              static_cast<int32_t>(i));
-  EXPECT_EQ(list.count, 9u);
-  EXPECT_EQ(respond(&list), 9u);
-  EXPECT_EQ(seen, (std::vector<uintptr_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
-}
-
-TEST(ResponseList, CallAppendedDuringRespondRunsInSamePass) {
+// Seven plain entries, one that appends a ninth while the list runs: the
+// array grows (8 -> 16) under the running call, and all nine run in order.
+TEST(ResponseList, CallAppendedDuringRespondRunsInSamePassInOrder) {
   ResponseList list{};
   running = &list;
   uintptr_t w[3];
-  for (uintptr_t i = 0; i < 7; ++i) append_response(&list, Note, Words(i, w));
+  for (uintptr_t i = 0; i < 7; ++i)
+    EXPECT_EQ(append_response(&list, Note, Words(i, w)),
+              static_cast<int32_t>(i));
   append_response(&list, AppendWhileRunning, Words(7, w));
   EXPECT_EQ(respond(&list), 9u);
   EXPECT_EQ(seen, (std::vector<uintptr_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));

@@ -6,21 +6,12 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <string>
-#include <vector>
 
-#include "arbor/support.h"
 #include "arbor/timedq.h"
+#include "test_helpers.h"
 
 namespace {
-
 bool fail_thread_start = false;
-std::vector<std::string> errors;
-
-void KeepErrors(void*, int level, const char* line, size_t length) {
-  if (level == 0) errors.emplace_back(line, length);
-}
-
 }  // namespace
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr,
@@ -33,13 +24,14 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr,
 }
 
 TEST(TimedQueueCreate, FailedThreadStartGivesNullAndLogs) {
-  LOG_SetSink(KeepErrors, nullptr);
-  fail_thread_start = true;
-  EXPECT_EQ(tq_create(), nullptr);
-  fail_thread_start = false;
-  LOG_SetSink(nullptr, nullptr);
-  ASSERT_EQ(errors.size(), 1u);
-  EXPECT_NE(errors[0].find("pthread_create: 11"), std::string::npos);
+  {
+    LogCapture errors(0);
+    fail_thread_start = true;
+    EXPECT_EQ(tq_create(), nullptr);
+    fail_thread_start = false;
+    EXPECT_EQ(errors.Count(), 1u);
+    EXPECT_TRUE(errors.Has("pthread_create: 11"));
+  }
   // The next attempt works: nothing was left half made.
   TimedQueue* q = tq_create();
   ASSERT_NE(q, nullptr);

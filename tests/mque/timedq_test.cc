@@ -16,11 +16,14 @@
 namespace {
 
 using namespace std::chrono_literals;
+using Args = std::vector<uintptr_t>;
+using Strings = std::vector<std::string>;
+constexpr const char* kEnd = nullptr;  // ends a tq_post_v list
 
 struct Call {
   int32_t elapsed;
   uintptr_t arg;
-  std::vector<std::string> argv;
+  Strings argv;
   bool argv_ends_in_null;
 };
 
@@ -53,9 +56,9 @@ bool WaitRuns(size_t n) {
   return cv.wait_for(lock, 10s, [n] { return runs.size() >= n; });
 }
 
-std::vector<uintptr_t> RunArgs() {
+Args RunArgs() {
   std::lock_guard lock(mu);
-  std::vector<uintptr_t> args;
+  Args args;
   for (const Call& run : runs) args.push_back(run.arg);
   return args;
 }
@@ -68,8 +71,8 @@ class TimedQueueTest : public ::testing::Test {
     tq_destroy(q_);
     q_ = nullptr;
   }
-  void* Post(uint32_t delay, uintptr_t tag) {
-    return tq_post_v(q_, delay, Record, tag, static_cast<const char*>(nullptr));
+  void Post(uint32_t delay, uintptr_t tag) {
+    tq_post_v(q_, delay, Record, tag, kEnd);
   }
   TimedQueue* q_ = nullptr;
 };
@@ -77,7 +80,7 @@ class TimedQueueTest : public ::testing::Test {
 TEST_F(TimedQueueTest, EqualDeadlinesRunInPostingOrder) {
   // Back-to-back posts often read the same microsecond from the clock.
   tq_post(q_, 0, Block, 0, 0, nullptr);
-  std::vector<uintptr_t> expected;
+  Args expected;
   for (uintptr_t i = 1; i <= 200; ++i) {
     Post(0, i);
     expected.push_back(i);
@@ -93,11 +96,9 @@ TEST_F(TimedQueueTest, DelayZeroPostWakesWorkerWaitingForLaterEntry) {
   ASSERT_TRUE(WaitRuns(1));  // the worker now sleeps until the 60 s entry
   Post(0, 2);
   ASSERT_TRUE(WaitRuns(2));
-  EXPECT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 2}));
   EXPECT_LE(runs[1].elapsed, 0);
   Destroy();
-  ASSERT_EQ(runs.size(), 3u);
-  EXPECT_EQ(runs[2].arg, 99u);
+  ASSERT_EQ(RunArgs(), (Args{1, 2, 99}));
   EXPECT_EQ(runs[2].elapsed, 1);
 }
 
@@ -106,47 +107,37 @@ TEST_F(TimedQueueTest, StringsAreCopiedAndNullTerminated) {
   const char* one[] = {buffer};
   tq_post(q_, 0, Block, 0, 0, nullptr);
   ASSERT_NE(tq_post(q_, 0, Record, 1, 1, one), nullptr);
-  ASSERT_NE(tq_post_v(q_, 0, Record, 2, buffer, "", "gamma",
-                      static_cast<const char*>(nullptr)),
-            nullptr);
-  // A null string ends the list early.
-  tq_post_v(q_, 0, Record, 3, "a", static_cast<const char*>(nullptr), "c",
-            static_cast<const char*>(nullptr));
+  ASSERT_NE(tq_post_v(q_, 0, Record, 2, buffer, "", "gamma", kEnd), nullptr);
+  tq_post_v(q_, 0, Record, 3, "a", kEnd, "c", kEnd);  // ends at the first null
   tq_post(q_, 0, Record, 4, 0, nullptr);
   Post(0, 5);
   std::strcpy(buffer, "omega");
   OpenGate();
   ASSERT_TRUE(WaitRuns(5));
-  using Strings = std::vector<std::string>;
   EXPECT_EQ(runs[0].argv, Strings{"alpha"});
   EXPECT_EQ(runs[1].argv, (Strings{"alpha", "", "gamma"}));
   EXPECT_EQ(runs[2].argv, Strings{"a"});
-  EXPECT_TRUE(runs[3].argv.empty());
-  EXPECT_TRUE(runs[4].argv.empty());
+  EXPECT_TRUE(runs[3].argv.empty() && runs[4].argv.empty());
   for (const Call& run : runs) EXPECT_TRUE(run.argv_ends_in_null);
 }
 
 TEST_F(TimedQueueTest, RefusedPostsQueueNothing) {
   const char* holes[] = {nullptr};
   EXPECT_EQ(tq_post(q_, 0, nullptr, 1, 0, nullptr), nullptr);
-  EXPECT_EQ(
-      tq_post_v(q_, 0, nullptr, 2, "x", static_cast<const char*>(nullptr)),
-      nullptr);
-  EXPECT_EQ(tq_send(q_, 0, nullptr, 3, static_cast<const char*>(nullptr)),
-            nullptr);
+  EXPECT_EQ(tq_post_v(q_, 0, nullptr, 2, "x", kEnd), nullptr);
+  EXPECT_EQ(tq_send(q_, 0, nullptr, 3, kEnd), nullptr);
   EXPECT_EQ(tq_post(q_, 0, Record, 4, 1, holes), nullptr);
   EXPECT_EQ(tq_post(q_, 0, Record, 5, -1, nullptr), nullptr);
   EXPECT_EQ(tq_cancel_if(q_, nullptr, 0), nullptr);
-  ASSERT_NE(tq_send(q_, 0, Record, 6, static_cast<const char*>(nullptr)),
-            nullptr);
-  EXPECT_EQ(RunArgs(), std::vector<uintptr_t>{6});
+  ASSERT_NE(tq_send(q_, 0, Record, 6, kEnd), nullptr);
+  EXPECT_EQ(RunArgs(), Args{6});
 }
 
 TEST_F(TimedQueueTest, DestroyFlushesLaterEntriesInTimeOrder) {
   Post(180000, 2);
   Post(30000, 1);
   Destroy();
-  ASSERT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 2}));
+  ASSERT_EQ(RunArgs(), (Args{1, 2}));
   EXPECT_EQ(runs[0].elapsed, 1);
   // 150 s between the two due times, give or take the gap between posts.
   EXPECT_GT(runs[1].elapsed, 140000);
@@ -158,54 +149,47 @@ int CountCalls(uintptr_t counter, TqHandler, uintptr_t, int32_t, char**) {
   return 0;
 }
 
-TEST_F(TimedQueueTest, CancelIfAcceptingNothingChangesNothing) {
-  Post(30000, 1);
-  Post(60000, 2);
-  int calls = 0;
-  EXPECT_NE(tq_cancel_if(q_, CountCalls, reinterpret_cast<uintptr_t>(&calls)),
-            nullptr);
-  EXPECT_EQ(calls, 2);
-  EXPECT_TRUE(RunArgs().empty());
-  Destroy();
-  EXPECT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 2}));
-}
-
 int SelectAllBut(uintptr_t keep, TqHandler fn, uintptr_t arg, int32_t, char**) {
   return fn == Record && arg != keep;
 }
 
-TEST_F(TimedQueueTest, CancelIfRunsSelectedEntriesInTimeOrder) {
+// A predicate that accepts nothing sees every entry and changes nothing; one
+// that accepts runs the selected entries at once, in time order.
+TEST_F(TimedQueueTest, CancelIfRunsSelectedEntriesAtOnceInTimeOrder) {
   Post(60000, 3);
   Post(30000, 1);
   Post(45000, 2);
+  int calls = 0;
+  EXPECT_NE(tq_cancel_if(q_, CountCalls, reinterpret_cast<uintptr_t>(&calls)),
+            nullptr);
+  EXPECT_EQ(calls, 3);
+  EXPECT_TRUE(RunArgs().empty());
   ASSERT_NE(tq_cancel_if(q_, SelectAllBut, 2), nullptr);
-  ASSERT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 3}));
+  ASSERT_EQ(RunArgs(), (Args{1, 3}));
   EXPECT_EQ(runs[0].elapsed, 1);
   EXPECT_GT(runs[1].elapsed, 1);
   Destroy();
-  EXPECT_EQ(RunArgs(), (std::vector<uintptr_t>{1, 3, 2}));
-}
-
-TEST_F(TimedQueueTest, SendReturnsAfterItsHandlerRan) {
-  // Due 200 ms ahead: a send that didn't wait would return before the run.
-  ASSERT_NE(tq_send(q_, 200, Record, 7, "x", static_cast<const char*>(nullptr)),
-            nullptr);
-  std::lock_guard lock(mu);
-  ASSERT_EQ(runs.size(), 1u);
-  EXPECT_EQ(runs[0].arg, 7u);
-  EXPECT_EQ(runs[0].argv, std::vector<std::string>{"x"});
-  EXPECT_LE(runs[0].elapsed, 0);
+  EXPECT_EQ(RunArgs(), (Args{1, 3, 2}));
 }
 
 void PostFromWorker(int32_t, uintptr_t q, int32_t, char**) {
-  tq_post_v(reinterpret_cast<TimedQueue*>(q), 0, Record, 5, "again",
-            static_cast<const char*>(nullptr));
+  tq_post_v(reinterpret_cast<TimedQueue*>(q), 0, Record, 5, "again", kEnd);
 }
 
-TEST_F(TimedQueueTest, HandlersMayPostToTheirOwnQueue) {
+// Due 200 ms ahead: a send that didn't wait would return before the run.
+// A handler may post to its own queue.
+TEST_F(TimedQueueTest, SendReturnsAfterItsHandlerRanAndHandlersMayPost) {
+  ASSERT_NE(tq_send(q_, 200, Record, 7, "x", kEnd), nullptr);
+  {
+    std::lock_guard lock(mu);
+    ASSERT_EQ(runs.size(), 1u);
+    EXPECT_EQ(runs[0].arg, 7u);
+    EXPECT_EQ(runs[0].argv, Strings{"x"});
+    EXPECT_LE(runs[0].elapsed, 0);
+  }
   tq_post(q_, 0, PostFromWorker, reinterpret_cast<uintptr_t>(q_), 0, nullptr);
-  ASSERT_TRUE(WaitRuns(1));
-  EXPECT_EQ(runs[0].argv, std::vector<std::string>{"again"});
+  ASSERT_TRUE(WaitRuns(2));
+  EXPECT_EQ(runs[1].argv, Strings{"again"});
 }
 
 void* send_result = &send_result;
@@ -216,10 +200,9 @@ void* post_result = nullptr;
 // and nothing may wait for the worker (it is this thread).
 void OnFlush(int32_t, uintptr_t q, int32_t, char**) {
   auto* queue = reinterpret_cast<TimedQueue*>(q);
-  send_result = tq_send(queue, 0, Record, 8, static_cast<const char*>(nullptr));
+  send_result = tq_send(queue, 0, Record, 8, kEnd);
   cancel_result = tq_cancel_if(queue, SelectAllBut, 0);
-  post_result =
-      tq_post_v(queue, 0, Record, 9, static_cast<const char*>(nullptr));
+  post_result = tq_post_v(queue, 0, Record, 9, kEnd);
 }
 
 TEST_F(TimedQueueTest, ClosingQueueDropsPostsAndRefusesWaitingCalls) {

@@ -10,11 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "test_helpers.h"
+
 extern "C" int scripted_c_smoke(void);
 
 namespace {
 
-// What the test callbacks saw; each test runs in a process of its own.
 struct Delivery {
   uint32_t from, pipe, type;
   std::string bytes;
@@ -22,78 +23,48 @@ struct Delivery {
 };
 std::vector<Delivery> g_wan, g_lan;
 
+std::string Bytes(const void* data, uint32_t size) {
+  return data != nullptr ? std::string(static_cast<const char*>(data), size) : "";
+}
 void wan_cb(uint32_t pipe, uint32_t type, uint32_t size, const void* data) {
-  g_wan.push_back({0, pipe, type, std::string(static_cast<const char*>(data), size),
-                   data == nullptr});
+  g_wan.push_back({0, pipe, type, Bytes(data, size), data == nullptr});
 }
 void lan_cb(uint32_t from, uint32_t pipe, uint32_t type, uint32_t size, const void* data) {
-  g_lan.push_back({from, pipe, type, std::string(static_cast<const char*>(data), size),
-                   data == nullptr});
-}
-// Answers every WAN frame with a NetWrite from inside the callback.
-void wan_echo_cb(uint32_t, uint32_t type, uint32_t size, const void* data) {
-  const PacketHeader h{0, 0, 0, static_cast<uint16_t>(type), 0};
-  NetWrite(&h, data, static_cast<uint16_t>(size));
+  g_lan.push_back({from, pipe, type, Bytes(data, size), data == nullptr});
 }
 
 PacketHeader header(uint32_t pipe, uint16_t type, uint16_t boat = 0, uint16_t level = 0) {
   return PacketHeader{0, boat, pipe, type, level};
 }
 
-// Each case normally has a process of its own; the reset also lets the whole
-// program run as one process.
-class ScriptedTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    scripted_reset();
-    g_wan.clear();
-    g_lan.clear();
-  }
-};
-using ScriptedRecording = ScriptedTest;
-using ScriptedResults = ScriptedTest;
-using ScriptedInjection = ScriptedTest;
-using ScriptedWaiting = ScriptedTest;
-using ScriptedReset = ScriptedTest;
-using ScriptedCApi = ScriptedTest;
-
-scripted_call get(scripted_fn fn, size_t index) {
-  scripted_call c{};
-  EXPECT_EQ(scripted_call_get(fn, index, &c), 0) << scripted_fn_name(fn) << " #" << index;
-  return c;
-}
-
-TEST_F(ScriptedRecording, KeepsHeaderFieldsAndAPayloadCopy) {
+TEST(ScriptedRecording, KeepsHeaderFieldsAndAPayloadCopy) {
   char frame[] = "\x4d\x01k=v;";  // AS code 333, low byte first
   const PacketHeader h = header(0, QVTP_CONTROL, 0x12, 0x34);
   ASSERT_EQ(NetWrite(&h, frame, 6), 6);
   std::memset(frame, 'x', sizeof frame);  // the record must not see this
-
-  const scripted_call c = get(SCRIPTED_NET_WRITE, 0);
+  const scripted_call c = Recorded(SCRIPTED_NET_WRITE, 0);
   EXPECT_EQ(c.header.nBoatType, 0x12);
   EXPECT_EQ(c.header.nLevel, 0x34);
   EXPECT_EQ(c.header.nPacketType, QVTP_CONTROL);
-  ASSERT_EQ(c.size, 6u);
-  EXPECT_EQ(std::memcmp(c.data, "\x4d\x01k=v;", 6), 0);
+  EXPECT_EQ(Payload(c), "\x4d\x01k=v;");
   EXPECT_EQ(c.data[6], 0) << "payload copies end in a NUL";
   EXPECT_EQ(c.asc, 333);
   EXPECT_STREQ(c.text, "k=v;");
 
   const PacketHeader media = header(1030, QVTP_RTP, 1, 2);
-  const unsigned char bytes[3] = {0, 0xFF, 7};
-  ASSERT_EQ(LANNetWrite(9, &media, bytes, 3), 3);
+  ASSERT_EQ(LANNetWrite(9, &media, "\0\xff\x07", 3), 3);
   const PacketHeader lan_ctl = header(100, QVTP_CONTROL);
   ASSERT_EQ(LANNetWrite(9, &lan_ctl, "a=b;", 4), 4);
-  scripted_call m = get(SCRIPTED_LAN_NET_WRITE, 0);
+  const scripted_call m = Recorded(SCRIPTED_LAN_NET_WRITE, 0);
   EXPECT_EQ(m.peer, 9);
   EXPECT_EQ(m.header.nPipe, 1030u);
-  EXPECT_EQ(std::memcmp(m.data, bytes, 3), 0);
+  EXPECT_EQ(Payload(m), std::string("\0\xff\x07", 3));
   EXPECT_EQ(m.asc, -1);
   EXPECT_EQ(m.text, nullptr);
-  EXPECT_EQ(get(SCRIPTED_LAN_NET_WRITE, 1).asc, 100) << "a LAN AS code travels in nPipe";
+  EXPECT_EQ(Recorded(SCRIPTED_LAN_NET_WRITE, 1).asc, 100) << "a LAN AS code travels in nPipe";
 }
 
-TEST_F(ScriptedRecording, FiltersByFunctionInCallOrder) {
+TEST(ScriptedRecording, FiltersByFunctionInCallOrder) {
   NetOpen();
   for (uint16_t i = 0; i < 3; ++i) {
     const PacketHeader h = header(i, QVTP_RTP);
@@ -111,29 +82,24 @@ TEST_F(ScriptedRecording, FiltersByFunctionInCallOrder) {
 
   EXPECT_EQ(scripted_call_count(SCRIPTED_ANY), 8u);
   EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 3u);
-  const scripted_call third = get(SCRIPTED_NET_WRITE, 2);
-  EXPECT_EQ(third.header.nPipe, 2u);
-  EXPECT_EQ(third.order, 3u);
-  EXPECT_EQ(get(SCRIPTED_ANY, 3).fn, SCRIPTED_NET_WRITE);
+  EXPECT_EQ(Recorded(SCRIPTED_NET_WRITE, 2).header.nPipe, 2u);
+  EXPECT_EQ(Recorded(SCRIPTED_NET_WRITE, 2).order, 3u);
+  EXPECT_EQ(Recorded(SCRIPTED_ANY, 3).fn, SCRIPTED_NET_WRITE);
   scripted_call none{};
   EXPECT_EQ(scripted_call_get(SCRIPTED_NET_WRITE, 3, &none), -1);
-
-  const scripted_call con = get(SCRIPTED_CON_REMOTE_HOST_INFO, 0);
+  const scripted_call con = Recorded(SCRIPTED_CON_REMOTE_HOST_INFO, 0);
   EXPECT_STREQ(con.host, "service.example");
   EXPECT_EQ(con.port, 8000);
   EXPECT_EQ(con.protocol, QV_PROTOCOL_TCP);
   EXPECT_EQ(con.reserved_zero, 1);
-  EXPECT_EQ(get(SCRIPTED_CON_REMOTE_HOST_INFO, 1).reserved_zero, 0);
-
-  const scripted_call flash = get(SCRIPTED_LAN_REFLASH, 0);
-  EXPECT_EQ(flash.size, 8u);
-  EXPECT_STREQ(flash.text, "Name=a;");
-  const scripted_call lan = get(SCRIPTED_INIT_LAN, 0);
-  EXPECT_EQ(lan.lan_callback, &lan_cb);
-  EXPECT_EQ(lan.words[1], -2);
+  EXPECT_EQ(Recorded(SCRIPTED_CON_REMOTE_HOST_INFO, 1).reserved_zero, 0);
+  EXPECT_STREQ(Recorded(SCRIPTED_LAN_REFLASH, 0).text, "Name=a;");
+  EXPECT_EQ(Recorded(SCRIPTED_LAN_REFLASH, 0).size, 8u);
+  EXPECT_EQ(Recorded(SCRIPTED_INIT_LAN, 0).lan_callback, &lan_cb);
+  EXPECT_EQ(Recorded(SCRIPTED_INIT_LAN, 0).words[1], -2);
 }
 
-TEST_F(ScriptedResults, FailedNetWritesRunOutThenSizeReturns) {
+TEST(ScriptedResults, FailedNetWritesRunOutThenSizeReturns) {
   const PacketHeader h = header(5, QVTP_RTP);
   ASSERT_EQ(scripted_push_result(SCRIPTED_NET_WRITE, -1, 2), 0);
   ASSERT_EQ(scripted_push_result(SCRIPTED_NET_WRITE, SCRIPTED_DEFAULT, 1), 0);
@@ -141,8 +107,7 @@ TEST_F(ScriptedResults, FailedNetWritesRunOutThenSizeReturns) {
   std::vector<int32_t> got;
   for (int i = 0; i < 5; ++i) got.push_back(NetWrite(&h, "abcd", 4));
   EXPECT_EQ(got, (std::vector<int32_t>{-1, -1, 4, -9, -9}));
-  EXPECT_EQ(get(SCRIPTED_NET_WRITE, 0).result, -1) << "records keep the result given";
-
+  EXPECT_EQ(Recorded(SCRIPTED_NET_WRITE, 0).result, -1) << "records keep the result given";
   scripted_clear_results(SCRIPTED_NET_WRITE);
   EXPECT_EQ(NetWrite(&h, "abcd", 4), 4);
   EXPECT_EQ(NetWrite(nullptr, "abcd", 4), -1) << "a null header is refused";
@@ -150,7 +115,7 @@ TEST_F(ScriptedResults, FailedNetWritesRunOutThenSizeReturns) {
   EXPECT_EQ(scripted_push_result(SCRIPTED_NET_WRITE, -1, 0), -1);
 }
 
-TEST_F(ScriptedResults, PeerScriptAnswersBeforeTheLanScript) {
+TEST(ScriptedResults, PeerScriptComesFirstAndAddLanEpCountsUnlessScripted) {
   const PacketHeader h = header(1024, QVTP_RTP);
   scripted_push_peer_result(7, -3, SCRIPTED_ALWAYS);
   scripted_push_result(SCRIPTED_LAN_NET_WRITE, -2, 1);
@@ -158,29 +123,15 @@ TEST_F(ScriptedResults, PeerScriptAnswersBeforeTheLanScript) {
   EXPECT_EQ(LANNetWrite(8, &h, "x", 1), -2);
   EXPECT_EQ(LANNetWrite(8, &h, "x", 1), 1);
   EXPECT_EQ(LANNetWrite(7, &h, "x", 1), -3);
-}
 
-TEST_F(ScriptedResults, NegativeInitLanLeavesNoCallback) {
-  scripted_set_result(SCRIPTED_INIT_LAN, -5);
-  EXPECT_EQ(InitLAN(lan_cb, 0, 0, 0), -5);
-  EXPECT_EQ(scripted_has_lan_callback(), 0);
-  EXPECT_EQ(scripted_lan_status(3, QVNETS_SUCCESS), -1);
-
-  scripted_clear_results(SCRIPTED_ANY);
-  EXPECT_EQ(InitLAN(lan_cb, 0, 0, 0), 0);
-  EXPECT_EQ(scripted_has_lan_callback(), 1);
-}
-
-TEST_F(ScriptedResults, AddLanEpAnswersItsOrdinalUnlessScripted) {
   scripted_push_result(SCRIPTED_ADD_LANEP, SCRIPTED_DEFAULT, 1);
   scripted_push_result(SCRIPTED_ADD_LANEP, 40, 1);
   EXPECT_EQ(AddLANEP(0, 0, 0, 0), 1);
   EXPECT_EQ(AddLANEP(0, 0, 0, 0), 40);
   EXPECT_EQ(AddLANEP(0, 0, 0, 0), 3);
-  EXPECT_EQ(get(SCRIPTED_ADD_LANEP, 2).result, 3);
 }
 
-TEST_F(ScriptedInjection, WanControlFrameCarriesAsCodeLowByteFirst) {
+TEST(ScriptedInjection, ControlFrameCarriesAsCodeLowByteFirst) {
   ASSERT_EQ(InitWAN(wan_cb), 0);
   ASSERT_EQ(scripted_wan_control(0x0201, "a=1;", 0), 0);
   ASSERT_EQ(scripted_wan_control(999, "a=1;", 1), 0);
@@ -205,7 +156,11 @@ TEST_F(ScriptedInjection, WanControlFrameCarriesAsCodeLowByteFirst) {
   EXPECT_EQ(g_lan[2].pipe, 0u);
 }
 
-TEST_F(ScriptedInjection, WithoutCallbackFailsInsteadOfCalling) {
+TEST(ScriptedInjection, WithoutCallbackFailsInsteadOfCalling) {
+  scripted_set_result(SCRIPTED_INIT_LAN, -5);
+  EXPECT_EQ(InitLAN(lan_cb, 0, 0, 0), -5);  // a failed InitLAN keeps none
+  EXPECT_EQ(scripted_lan_status(3, QVNETS_SUCCESS), -1);
+  scripted_clear_results(SCRIPTED_ANY);
   EXPECT_EQ(scripted_wan_status(QVNETS_SUCCESS), -1);
   EXPECT_EQ(scripted_wan_control(333, "x", 0), -1);
   EXPECT_EQ(scripted_lan_frame(1, 1024, QVTP_RTP, "x", 1), -1);
@@ -213,22 +168,25 @@ TEST_F(ScriptedInjection, WithoutCallbackFailsInsteadOfCalling) {
   UnInitWAN();
   EXPECT_EQ(scripted_wan_frame(1030, QVTP_RTP, "x", 1), -1);
   InitWAN(wan_cb);
-  InitLAN(lan_cb, 0, 0, 0);
+  EXPECT_EQ(InitLAN(lan_cb, 0, 0, 0), 0);
+  EXPECT_EQ(scripted_has_wan_callback() + scripted_has_lan_callback(), 2);
   NetClose();
   EXPECT_EQ(scripted_has_wan_callback() + scripted_has_lan_callback(), 0)
       << "NetClose ends both links";
-  EXPECT_TRUE(g_wan.empty());
-  EXPECT_TRUE(g_lan.empty());
+  EXPECT_TRUE(g_wan.empty() && g_lan.empty());
 }
 
-TEST_F(ScriptedInjection, CallbackMayWriteThroughTheTransport) {
-  InitWAN(wan_echo_cb);
+TEST(ScriptedInjection, CallbackMayWriteThroughTheTransport) {
+  InitWAN([](uint32_t, uint32_t type, uint32_t size, const void* data) {
+    const PacketHeader h = header(0, static_cast<uint16_t>(type));
+    NetWrite(&h, data, static_cast<uint16_t>(size));
+  });
   ASSERT_EQ(scripted_wan_frame(1030, QVTP_RTP, "ping", 4), 0);
   ASSERT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 1u);
-  EXPECT_STREQ(reinterpret_cast<const char*>(get(SCRIPTED_NET_WRITE, 0).data), "ping");
+  EXPECT_EQ(Payload(Recorded(SCRIPTED_NET_WRITE, 0)), "ping");
 }
 
-TEST_F(ScriptedWaiting, ReturnsOnceAnotherThreadWrote) {
+TEST(ScriptedWaiting, ReturnsOnceAnotherThreadWroteAndKeepsEachThreadsOrder) {
   std::vector<std::thread> writers;
   for (uint16_t t = 0; t < 4; ++t) {
     writers.emplace_back([t] {
@@ -240,17 +198,16 @@ TEST_F(ScriptedWaiting, ReturnsOnceAnotherThreadWrote) {
   }
   EXPECT_EQ(scripted_wait_calls(SCRIPTED_LAN_NET_WRITE, 400, 10000), 1);
   for (std::thread& w : writers) w.join();
-  // Each writer's calls are recorded in its own order.
   std::vector<uint32_t> next(4, 0);
   for (size_t k = 0; k < 400; ++k) {
-    const scripted_call c = get(SCRIPTED_LAN_NET_WRITE, k);
+    const scripted_call c = Recorded(SCRIPTED_LAN_NET_WRITE, k);
     ASSERT_LT(c.peer, 4);
     EXPECT_EQ(c.header.nPipe, next[c.peer]++);
   }
   EXPECT_EQ(scripted_wait_calls(SCRIPTED_LAN_NET_WRITE, 401, 20), 0) << "time limit";
 }
 
-TEST_F(ScriptedReset, ForgetsRecordsScriptsAndCallbacks) {
+TEST(ScriptedReset, ForgetsRecordsScriptsAndCallbacks) {
   const PacketHeader h = header(1, QVTP_RTP);
   NetWrite(&h, "payload", 7);
   AddLANEP(0, 0, 0, 0);
@@ -268,6 +225,6 @@ TEST_F(ScriptedReset, ForgetsRecordsScriptsAndCallbacks) {
   EXPECT_EQ(AddLANEP(0, 0, 0, 0), 1);
 }
 
-TEST_F(ScriptedCApi, HeaderWorksFromC) { EXPECT_EQ(scripted_c_smoke(), 0); }
+TEST(ScriptedCApi, HeaderWorksFromC) { EXPECT_EQ(scripted_c_smoke(), 0); }
 
 }  // namespace

@@ -1,0 +1,112 @@
+// cdef/device_callback.cc - local_device_callback, the one function through
+// which drivers speak to the engine: subscriptions to resource events, the
+// driver's own events, and media of devices that the engine does not read
+// itself.
+//
+// The callback runs on whatever thread the driver calls it from, also from
+// inside SetCallback (the class mutex then held by that very thread), Read
+// or DoEvent. So it takes no lock of the class table: the class's number is
+// looked up lock-free (cdef_class_index). Everything it is given is copied
+// before it returns; an event costs the dictionary and a 4096-byte buffer on
+// this stack, nothing more.
+//
+// Not built yet: handing a driver's data and in-band events to the session
+// tree opened on (class, FD). Those two postings belong to the incoming-data
+// side of the forest; until it exists, a call that would post is traced at
+// level 3 and goes no further.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "arbor/cdef.h"
+#include "arbor/device_class.h"
+#include "arbor/rsevents.h"
+#include "arbor/support.h"
+#include "cdef/cdef_internal.h"
+
+namespace {
+
+// MainCmd of a subscription, and of the events this callback emits.
+constexpr int32_t kCdefMainCmdSubscribe = 15;
+constexpr int32_t kCdefMainCmdEvent = 17;
+// Room for one event text: the driver's text with the three keys merged in.
+constexpr uint32_t kCdefEventBuffer = 4096;
+
+// Subscribes cls, under its local code, to event at path. A class that is
+// not in the table subscribes nothing.
+void cdef_subscribe(const cdef* cls, const char* path, const char* event) {
+  const int32_t n = cdef_class_index(cls);
+  if (n < 0) return;
+  RsSubscribeEvent(0, kCdefLocalAscBase + n, path, event, nullptr, nullptr);
+}
+
+// Emits the driver's event text (data, size bytes) at path, with event,
+// MainCmd 17 and subResource merged over its own keys. The text must end
+// inside size bytes: a driver's text without a NUL there is refused like
+// one that does not parse.
+void cdef_emit(const void* data, uint32_t size, const char* path,
+               const char* event, int32_t fd, uint32_t flag) {
+  const char* base = static_cast<const char*>(data);
+  if (std::memchr(base, '\0', size) == nullptr) {
+    ARBOR_LOG(0, "DictCreate: %.*s",
+              static_cast<int>(std::min<uint32_t>(size, INT32_MAX)), base);
+    return;
+  }
+  // event and subResource are pasted into dictionary text unescaped: a value
+  // holding ';', '=' or '\' would parse to other keys and could drop the
+  // MainCmd 17 override. Such names are no resource paths; refuse them.
+  if (std::strpbrk(event, ";=\\") != nullptr ||
+      std::strpbrk(path, ";=\\") != nullptr) {
+    ARBOR_LOG(0, "event '%s' at '%s' refused: ';', '=' or '\\' in a name",
+              event, path);
+    return;
+  }
+  char buffer[kCdefEventBuffer];
+  if (bemerge(buffer, sizeof buffer, base,
+              "event=%s;MainCmd=%d;subResource=%s;", event, kCdefMainCmdEvent,
+              path) <= 0) {
+    return;
+  }
+  RsEmitEvent(path, event, buffer, nullptr, nullptr);
+  if (fd > 0) {
+    // Missing: the in-band posting of buffer to the tree of (cls, fd).
+    ARBOR_LOG(3, "event for fd %d (flag %#x) not posted in-band", fd, flag);
+  }
+}
+
+}  // namespace
+
+// Refused without effect: a null cls or var (logged at level 0), null data
+// or size 0, a var that does not parse (silently), an event text that does
+// not parse or does not fit (logged by bemerge).
+void local_device_callback(const cdef* cls, const char* var, const void* data,
+                           uint32_t size) {
+  if (cls == nullptr || var == nullptr) {
+    ARBOR_LOG(0, "refused: null class %p or var %p",
+              static_cast<const void*>(cls), static_cast<const void*>(var));
+    return;
+  }
+  ARBOR_LOG(3, "%s: %s, ...%u...", "local_device_callback", var, size);
+  if (data == nullptr || size == 0) return;
+  const size_t var_len = std::strlen(var);
+  if (var_len > INT32_MAX) return;
+  Dict dict = DictCreate(var, static_cast<int32_t>(var_len));
+  if (dict == nullptr) return;
+  const int32_t main_cmd = DictGetInt(dict, "MainCmd");
+  const char* path = DictGetStr(dict, "subResource");
+  const char* event = DictGetStr(dict, "event");
+  if (main_cmd == kCdefMainCmdSubscribe) {
+    if (path != nullptr && event != nullptr) cdef_subscribe(cls, path, event);
+  } else {
+    const int32_t fd = DictGetInt(dict, "FD");
+    const auto flag = static_cast<uint32_t>(DictGetInt(dict, "Flag"));
+    if (path != nullptr && event != nullptr) {
+      cdef_emit(data, size, path, event, fd, flag);
+    } else if (fd > 0) {
+      // Missing: the posting of data as media to the tree of (cls, fd).
+      ARBOR_LOG(3, "media for fd %d (flag %#x, %u bytes) not posted", fd,
+                flag, size);
+    }
+  }
+  DictDestroy(dict);
+}
