@@ -12,6 +12,7 @@
 
 #include "arbor/asc.h"
 #include "arbor/device_class.h"
+#include "arbor/rsc.h"
 #include "arbor/rsevents.h"
 #include "arbor/support.h"
 #include "arbor/sys.h"
@@ -84,6 +85,9 @@ extern "C" ARBOR_EXPORT int32_t SysInit(HostCallback callback) {
   ARBOR_LOG(2, "load 'dev' directory: %s", "dev");
   cdef_init("dev");
 
+  // The forest and the command queue's consumer thread.
+  rsc_init();
+
   asc_init();
   NetOpen();
 
@@ -112,6 +116,11 @@ extern "C" ARBOR_EXPORT int32_t SysExit(void) {
   // no handler.
   ARBOR_LOG(2, "%s:asc_uninit", __func__);
   asc_uninit();
+
+  // Every command accepted so far runs; then the forest is swept empty and
+  // the owners of sessions still open are told.
+  ARBOR_LOG(2, "%s:rsc_uninit", __func__);
+  rsc_uninit();
 
   if (sys_.lan_state.load(std::memory_order_relaxed) >= 0) {
     // Off before the transport hears of it, so a late callback finds the

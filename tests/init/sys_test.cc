@@ -76,7 +76,7 @@ TEST(Lifecycle, StopWithLanOnTurnsItOffBeforeClosingTransport) {
             (Fns{SCRIPTED_NET_OPEN, SCRIPTED_UNINIT_LAN, SCRIPTED_NET_CLOSE}));
   std::vector<int> steps;
   for (const char* step : {"SysExit:tq_destroy", "SysExit:asc_uninit",
-                           "SysExit:UnInitLAN", "SysExit:NetClose",
+                           "SysExit:rsc_uninit", "SysExit:UnInitLAN", "SysExit:NetClose",
                            "SysExit:cdef_uninit"})
     steps.push_back(log.Find(step));
   ASSERT_GE(steps.front(), 0);

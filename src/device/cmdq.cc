@@ -1,0 +1,355 @@
+// device/cmdq.cc - the command queue: the one road by which every change
+// reaches the session forest, and the start and stop of the forest.
+//
+// Ordering guarantees that the whole forest builds on:
+//  - FIFO. A push links its item at the newest end under the queue's mutex;
+//    the consumer takes from the oldest end. Commands run in the order in
+//    which their pushes took the mutex, so the commands of one pushing
+//    thread run in that thread's order.
+//  - One consumer. Only Thread_commandq_consume runs handlers, each to its
+//    end before the next, without the queue's mutex held: a handler may
+//    push (never the exit marker). What may run at the same time as a
+//    handler: pushes from any thread, read threads walking trees, and the
+//    timed queue's worker (Tree_timed_check, event_emit); the forest's own
+//    locks keep those apart (device/forest.h).
+//  - The mutex covers the list, the payload copy and the signal, never a
+//    handler. cached_total is an atomic counter beside it; it is raised
+//    before the item becomes visible, so it never dips below zero.
+//  - Stop. The push of the exit marker (exitq, or a null handler) closes the
+//    queue: every later push is refused with "_commandq_push: commandq
+//    end.", nothing copied or counted. Everything accepted before the marker
+//    runs to its end; then the consumer sweeps the forest empty
+//    (forest_make_clean) and ends, and the marker's pusher, which waits in
+//    the join, returns. The marker's item is allocated at the start, so the
+//    stop needs no memory and cannot fail.
+//  - The mutex and condition are never destroyed while a pusher may still
+//    come (a late push after the stop locks them to be refused); each
+//    device_start destroys and initialises them anew, while nothing pushes.
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "arbor/device_class.h"
+#include "arbor/forest.h"
+#include "arbor/strutils.h"
+#include "arbor/support.h"
+#include "device/forest.h"
+
+namespace {
+
+// An item's next leads to the next older item, its prev to the next newer
+// one; the head's next is the newest item, its prev the oldest. An empty
+// queue has both pointing at the head.
+struct CommandLink {
+  CommandLink* next;
+  CommandLink* prev;
+};
+
+struct CommandItem {
+  CommandLink link;  // first, so a link converts to its item
+  CommandHandler fn;  // never null in a queued item
+  uintptr_t arg;      // handed through untouched
+  void* payload;      // the queue's copy, or null
+  uint32_t size;      // bytes of payload, or the pusher's number
+};
+
+const pthread_t kNoThread = static_cast<pthread_t>(-1);
+
+struct CommandQueue {
+  CommandLink head;
+  // The handler of the latest accepted push; null (no handler) after a
+  // start, exitq once closed. Guarded by mutex.
+  CommandHandler last_fn;
+  pthread_mutex_t mutex;
+  pthread_cond_t condiction;  // signalled on each accepted push
+  // The consumer; kNoThread when there is none. Guarded by mutex.
+  pthread_t commandq_thread_;
+  CommandItem* exit_item;  // the marker's item until the marker is pushed
+  uint32_t queued;         // items in the list; guarded by mutex
+};
+
+// Closed until the first start, so an early push is refused, not lost.
+void exitq(uintptr_t, const void*, uint32_t) {}
+
+CommandQueue queue_ = {
+    .head = {&queue_.head, &queue_.head},
+    .last_fn = exitq,
+    .mutex = PTHREAD_MUTEX_INITIALIZER,
+    .condiction = PTHREAD_COND_INITIALIZER,
+    .commandq_thread_ = kNoThread,
+    .exit_item = nullptr,
+    .queued = 0,
+};
+
+std::atomic<uint32_t> cached_total{0};
+
+thread_local bool on_consumer = false;
+
+std::atomic<bool> fail_next_start{false};
+std::atomic<int32_t> allocs_left{-1};
+
+// The test seam's verdict on one allocation.
+bool cmdq_alloc_allowed() {
+  int32_t left = allocs_left.load();
+  while (left >= 0) {
+    if (left == 0) return false;
+    if (allocs_left.compare_exchange_weak(left, left - 1)) return true;
+  }
+  return true;
+}
+
+CommandItem* cmdq_item_new() {
+  return cmdq_alloc_allowed() ? new (std::nothrow) CommandItem{} : nullptr;
+}
+
+void* cmdq_payload_copy(const void* payload, uint32_t size) {
+  return cmdq_alloc_allowed() ? memorydup(payload, size) : nullptr;
+}
+
+const void* fn_address(CommandHandler fn) {
+  return reinterpret_cast<const void*>(fn);
+}
+
+unsigned kernel_tid() { return static_cast<unsigned>(syscall(SYS_gettid)); }
+
+// RAII for the queue's pthread mutex.
+class QueueLock {
+ public:
+  explicit QueueLock(pthread_mutex_t* mutex) : mutex_(mutex) {
+    pthread_mutex_lock(mutex_);
+  }
+  ~QueueLock() { pthread_mutex_unlock(mutex_); }
+  QueueLock(const QueueLock&) = delete;
+  QueueLock& operator=(const QueueLock&) = delete;
+
+ private:
+  pthread_mutex_t* mutex_;
+};
+
+// Queues fn; see cmdq_push for the contract. A refusal leaves nothing
+// queued: the item and the payload copy are made before anything is linked,
+// and dropped together when either fails.
+CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
+                              const void* payload, uint32_t size) {
+  if (fn == nullptr) fn = exitq;
+  CommandQueue& q = queue_;
+  pthread_t join = kNoThread;
+  {
+    QueueLock lock(&q.mutex);
+    if (q.last_fn == exitq) {
+      ARBOR_LOG(0, "%s: commandq end.", "_commandq_push");
+      return nullptr;
+    }
+    CommandItem* item;
+    if (fn == exitq) {
+      item = q.exit_item;  // made by device_start: the stop cannot fail
+      q.exit_item = nullptr;
+    } else {
+      item = cmdq_item_new();
+    }
+    // The marker carries no payload, so its preallocated item is never
+    // lost to a failed copy.
+    void* copy = nullptr;
+    if (item != nullptr && fn != exitq && size != 0 && payload != nullptr) {
+      copy = cmdq_payload_copy(payload, size);
+      if (copy == nullptr) {
+        delete item;
+        item = nullptr;
+      }
+    }
+    if (item == nullptr) {
+      ARBOR_LOG(0, "%s: no memory, refused %p (%u bytes)", "_commandq_push",
+                fn_address(fn), size);
+      return nullptr;
+    }
+    *item = CommandItem{.link = {q.head.next, &q.head},
+                        .fn = fn,
+                        .arg = arg,
+                        .payload = copy,
+                        .size = size};
+    q.last_fn = fn;
+    if (copy != nullptr) cached_size_inc(size);
+    q.head.next->prev = &item->link;
+    q.head.next = &item->link;
+    ++q.queued;
+    pthread_cond_signal(&q.condiction);
+    if (fn == exitq) join = q.commandq_thread_;  // read once, here
+  }
+  ARBOR_LOG(3, "function:%p", fn_address(fn));
+  if (fn == exitq && join != kNoThread) {
+    if (pthread_equal(join, pthread_self())) {
+      // A handler pushed the marker: joining would wait for ourselves.
+      ARBOR_LOG(0, "%s: exit marker pushed by a command; not joined",
+                "_commandq_push");
+      pthread_detach(join);
+    } else {
+      ARBOR_LOG(3, "thread-join: %s{ ...", "commandq_thread_");
+      pthread_join(join, nullptr);
+      ARBOR_LOG(3, "thread-join-return: }%s.", "commandq_thread_");
+    }
+  }
+  return fn;
+}
+
+// The consumer: runs each command outside the mutex and frees its item;
+// after the marker it sweeps the forest and ends. Cannot fail.
+void* Thread_commandq_consume(void* arg) {
+  auto* q = static_cast<CommandQueue*>(arg);
+  on_consumer = true;
+  ARBOR_LOG(3, "%s running: %#x", "Thread_commandq_consume", kernel_tid());
+  for (;;) {
+    CommandItem* item;
+    {
+      QueueLock lock(&q->mutex);
+      while (q->head.prev == &q->head) {
+        pthread_cond_wait(&q->condiction, &q->mutex);
+        ARBOR_LOG(3, "cond-wait-return: cond=%s,mutex=%s{.", "q->condiction",
+                  "q->mutex");
+      }
+      CommandLink* oldest = q->head.prev;
+      q->head.prev = oldest->prev;
+      oldest->prev->next = &q->head;
+      --q->queued;
+      item = reinterpret_cast<CommandItem*>(oldest);
+    }
+    const CommandHandler fn = item->fn;
+    ARBOR_LOG(3, "%s: execute function:%p", "Thread_commandq_consume",
+              fn_address(fn));
+    fn(item->arg, item->payload, item->size);
+    ARBOR_LOG(3, "%s: execute function:%p, return", "Thread_commandq_consume",
+              fn_address(fn));
+    if (item->payload != nullptr) {
+      cached_size_dec(item->size);
+      std::free(item->payload);
+    }
+    delete item;
+    if (fn == exitq) break;
+  }
+  forest_make_clean();
+  {
+    QueueLock lock(&q->mutex);
+    q->commandq_thread_ = kNoThread;
+  }
+  ARBOR_LOG(3, "%s exit: %#x.", "Thread_commandq_consume", kernel_tid());
+  return nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+// The forest's mutexes are std::mutex, constant-initialised: there is
+// nothing to initialise and nothing that can fail, so the result without
+// DEVICE_PATH is 0.
+ARBOR_EXPORT int32_t device_initialize(void) {
+  ARBOR_LOG(3, "%s", "device_initialize");
+  {
+    std::lock_guard<std::mutex> lock(forest_.mutex);
+    forest_.head.next = nullptr;
+  }
+  const char* path = std::getenv("DEVICE_PATH");
+  if (path != nullptr) return cdef_init(path);
+  return 0;
+}
+
+// A consumer that cannot be started (or a marker item that cannot be
+// allocated) leaves the queue closed: a push is then refused at once rather
+// than queued for a consumer that never comes, and device_stop returns.
+ARBOR_EXPORT int32_t device_start(void) {
+  ARBOR_LOG(3, "device_start");
+  CommandQueue& q = queue_;
+  if (cmdq_running()) {
+    ARBOR_LOG(0, "%s: the command queue runs already", "device_start");
+    return 0;
+  }
+  // Statically initialised or left by the last stop; unused either way.
+  pthread_cond_destroy(&q.condiction);
+  pthread_mutex_destroy(&q.mutex);
+  pthread_mutex_init(&q.mutex, nullptr);
+  pthread_cond_init(&q.condiction, nullptr);
+
+  QueueLock lock(&q.mutex);
+  q.head = {&q.head, &q.head};
+  q.commandq_thread_ = kNoThread;
+  q.queued = 0;
+  q.last_fn = exitq;  // closed until the consumer runs
+  delete q.exit_item;
+  q.exit_item = new (std::nothrow) CommandItem{};
+  if (q.exit_item == nullptr) {
+    ARBOR_LOG(0, "%s: no memory for the exit marker", "device_start");
+    return 0;
+  }
+  pthread_t thread;
+  int err = fail_next_start.exchange(false) ? EAGAIN : 0;
+  if (err == 0) {
+    err = pthread_create(&thread, nullptr, Thread_commandq_consume, &q);
+  }
+  if (err != 0) {
+    ARBOR_LOG(0, "%s: %s: %s", "device_start", "Thread_commandq_consume",
+              std::strerror(err));
+    delete q.exit_item;
+    q.exit_item = nullptr;
+    return 0;
+  }
+  q.commandq_thread_ = thread;
+  q.last_fn = nullptr;  // no handler: open
+  ARBOR_LOG(3, "thread-created: %s, func=%s(%p) ...", "&commandq_thread_",
+            "Thread_commandq_consume", static_cast<void*>(&q));
+  return 0;
+}
+
+ARBOR_EXPORT void device_stop(void) {
+  cmdq_push("exitq", exitq, 0, nullptr, 0);
+  ARBOR_LOG(3, "%s", "device_stop");
+}
+
+ARBOR_EXPORT void device_exit(void) {
+  ARBOR_LOG(3, "START %s", "device_exit");
+  ARBOR_LOG(3, "END %s", "device_exit");
+}
+
+ARBOR_EXPORT CommandHandler cmdq_push(const char* name, CommandHandler fn,
+                                      uintptr_t arg, const void* payload,
+                                      uint32_t size) {
+  ARBOR_LOG(3, "q: %s:%p", name != nullptr ? name : "", fn_address(fn));
+  return _commandq_push(fn, arg, payload, size);
+}
+
+ARBOR_EXPORT uint32_t cached_size_inc(uint32_t size) {
+  const uint32_t total = cached_total.fetch_add(size) + size;
+  ARBOR_LOG(3, "cached: inc size=%u, total=%u", size, total);
+  return total;
+}
+
+ARBOR_EXPORT uint32_t cached_size_dec(uint32_t size) {
+  const uint32_t total = cached_total.fetch_sub(size) - size;
+  ARBOR_LOG(3, "cached: dec size=%u, total=%u", size, total);
+  return total;
+}
+
+}  // extern "C"
+
+uint32_t cmdq_cached_total() { return cached_total.load(); }
+
+uint32_t cmdq_queued() {
+  QueueLock lock(&queue_.mutex);
+  return queue_.queued;
+}
+
+int cmdq_running() {
+  QueueLock lock(&queue_.mutex);
+  return queue_.commandq_thread_ != kNoThread ? 1 : 0;
+}
+
+bool cmdq_on_consumer() { return on_consumer; }
+
+void cmdq_test_fail_next_start() { fail_next_start.store(true); }
+
+void cmdq_test_fail_allocs(int32_t after) { allocs_left.store(after); }
