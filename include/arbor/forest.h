@@ -204,6 +204,53 @@ ARBOR_EXPORT void Tree_cleanup_drv(uintptr_t cls, const void* payload,
  */
 ARBOR_EXPORT int32_t is_free_time(void);
 
+/* ----------------------------------------------------- Session setup */
+
+/*
+ * Command: builds the chain of the TreeRequest payload up to its first LAN
+ * net hop (a tree open to every peer), hangs a peer node for dx->uid under
+ * the pipe node (reusing one that exists), indexes the session and sends
+ * "SessionCreate" with the rest of the chain to dx->uid under AS 100. On
+ * failure the owner gets "RUN_FAIL" ("Tree request fail"). size must cover
+ * the request's hops; a shorter payload, more than TREE_MAX_HOPS hops or an
+ * empty sid is refused with a level-0 line, an unterminated or overlong sid
+ * dropped silently. Frees the name and option strings of every hop that
+ * the payload holds, on every path. arg is unused.
+ */
+ARBOR_EXPORT void Tree_new_request(uintptr_t arg, const void* payload,
+                                   uint32_t size);
+
+/*
+ * Command: builds the whole chain of the TreeRequest payload for its owner
+ * dx->uid, with a peer node of its own when the chain ends in a net hop,
+ * indexes the session and answers "SessionStart" (to the owner, or to the
+ * local services for uid 0 and an AS code other than 100). On failure the
+ * owner gets "RUN_FAIL" ("Tree create fail"). Input checks and the freeing
+ * of strings as Tree_new_request. arg is unused.
+ */
+ARBOR_EXPORT void Tree_new_partial(uintptr_t arg, const void* payload,
+                                   uint32_t size);
+
+/*
+ * The first of the n hops that is a net hop (name beginning "net."), or
+ * that cannot be used (no class or no name); null when there is none or
+ * nodes is null. Any thread; cannot fail.
+ */
+ARBOR_EXPORT const MNodeInfo* find_netornil(const MNodeInfo* nodes,
+                                            uint32_t n);
+
+/* --------------------------------------------------------- Activation */
+
+/*
+ * Command: marks the branch of the session whose sid (a text with its NUL,
+ * size bytes, below 64) is the payload active from its leaf up; the root's
+ * read thread starts when the root becomes active, and the root's driver
+ * gets "MainCmd=24;". A sid without its NUL, of size 0 or of 64 bytes or
+ * more is dropped; an unknown sid is logged at level 0. arg is unused.
+ */
+ARBOR_EXPORT void Tree_active_branch(uintptr_t arg, const void* sid,
+                                     uint32_t size);
+
 ARBOR_END_DECLS
 
 #endif /* ARBOR_FOREST_H */
