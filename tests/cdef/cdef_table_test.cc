@@ -8,6 +8,7 @@
 #include <string>
 
 #include "arbor/device_class.h"
+#include "arbor/forest.h"
 #include "cdef/cdef_internal.h"
 #include "cdef/cdef_fake.h"
 
@@ -91,4 +92,25 @@ TEST_F(ClassTable, ResControlGivesDriverATerminatedText) {
   EXPECT_EQ(calls[0].copy, "ftN=cam0.ptz;FD=7;cmd=left;");
   EXPECT_EQ(calls[1].xfd, 8);
   EXPECT_EQ(calls[1].text, terminated);
+}
+
+// As a command: the queue's copy reaches the driver on the consumer, and the
+// caller's buffer may change at once.
+TEST_F(ClassTable, ResControlRunsAsACommand) {
+  lists[0] = "cam0.ptz";
+  SysRegisterDev(&classes[0]);
+  device_initialize();
+  device_start();
+  char text[] = "ftN=cam0.ptz;FD=9;cmd=zoom;";
+  ASSERT_NE(cmdq_push("cdef_res_control", cdef_res_control, 0, text,
+                      sizeof text),
+            nullptr);
+  std::memset(text, 'x', sizeof text - 1);
+  device_stop();  // returns once the queue has drained
+  device_exit();
+  const auto& calls = cdef_fake::do_events;
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].xfd, 9);
+  EXPECT_EQ(calls[0].copy, "ftN=cam0.ptz;FD=9;cmd=zoom;");
+  EXPECT_EQ(cached_size_inc(0), 0u);
 }
