@@ -342,6 +342,13 @@ TreeNode* tree_build(uint32_t uid, const char* sid, int32_t exclusive,
   // Lock order: the forest mutex is no longer held; the reference taken
   // under it keeps the root until tree_release or the unref below.
   QVWLock(&root->lock);
+  if (root->exclusive != 0) {
+    // Closed between the search and the lock (Tree_timed_check on the timed
+    // queue's worker can end its last session): a closed root only waits
+    // for its sweep, so the chain gets a tree of its own.
+    tree_release(root);
+    return tree_build_new(uid, exclusive, hops, size, held);
+  }
   uint32_t depth = 0;
   TreeNode* attach = maxdepth_reuse_except_edge(root, hops, size, &depth);
   TreeNode* leaf = attach;

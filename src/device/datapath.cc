@@ -264,14 +264,21 @@ void* thread_read_root(void* arg) {
         continue;
       }
       const int32_t xfd = node->xfd;
-      if (xfd == -1) break;
+      // A class that asked for a read thread without a Read slot has
+      // nothing to read: the thread ends as after a failed read.
+      if (xfd == -1 || node->device->Read == nullptr) break;
       ARBOR_LOG(3, "%s read-start: dev=%p", name,
                 static_cast<void*>(node->device));
       nread = node->device->Read(xfd, buffer, kRdSize, &flags);
       flags |= kFlagMedia;
       // A driver that claims more than the buffer holds has broken its
-      // contract; the bytes behind the buffer are not ours to read.
-      ARBOR_ASSERT(nread <= static_cast<int32_t>(kRdSize), "nrd <= Rd_Size");
+      // contract; the bytes behind the buffer are not ours to read. A driver
+      // must not stop the process: the read counts as failed.
+      if (nread > static_cast<int32_t>(kRdSize)) {
+        ARBOR_LOG(0, "%s: nrd <= Rd_Size: %d > %u, read refused.",
+                  "thread_read_root", nread, kRdSize);
+        nread = -1;
+      }
       if (root->use_thread < 0) break;
       if (nread < 0) {
         ARBOR_LOG(0, "%s:%s(%d, ...): %d, FLAG=%#x.", "thread_read_root", name,

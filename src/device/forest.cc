@@ -86,3 +86,9 @@ int branch_starts_at_once(const TreeRoot* root, const TreeNode* leaf) {
   if (is_network_dev(root->node.device)) return 1;
   return is_network_dev(leaf->device) ? 0 : 1;
 }
+
+bool root_row_names(const TreeRoot* root, const TreeNode* node) {
+  for (int32_t i = 0; i < root->leaves_size; ++i)
+    if (root->leaves[i].leaf == node) return true;
+  return false;
+}

@@ -172,6 +172,11 @@ TreeRoot* forest_ref_tree_by_sid(const char* sid);
 // The row of sid in root's index, or null. The caller holds root->lock.
 LeafIndexEntry* root_find_leaf_by_sid(TreeRoot* root, const char* sid);
 
+// True when a row of root's index names node as its leaf: a longer chain
+// may run through another session's leaf, so a removal must stop there.
+// The caller holds root->lock.
+bool root_row_names(const TreeRoot* root, const TreeNode* node);
+
 // 1 when the branch from root to leaf may run without a word from the far
 // side: a network root, or a leaf that is not a network node. Else 0.
 int branch_starts_at_once(const TreeRoot* root, const TreeNode* leaf);

@@ -88,12 +88,6 @@ int peer_length(const TreeRequest* dx) {
   return static_cast<int>(strnlen(dx->peer, TREE_PEER_SIZE));
 }
 
-bool row_names(const TreeRoot* root, const TreeNode* node) {
-  for (int32_t i = 0; i < root->leaves_size; ++i)
-    if (root->leaves[i].leaf == node) return true;
-  return false;
-}
-
 // A new peer node under parent; one that hangs directly on the root takes
 // the root's reference for its branch.
 TreeNode* peer_node(TreeRoot* root, TreeNode* parent, const MNodeInfo* hop,
@@ -110,11 +104,12 @@ TreeNode* peer_node(TreeRoot* root, TreeNode* parent, const MNodeInfo* hop,
 // other children, never the root. A branch of a failed session would
 // otherwise pin its root until the stop. Root locked for writing.
 void prune_unkept(TreeRoot* root, TreeNode* node) {
-  if (node == root_node(root) || node->nchildren != 0 || row_names(root, node))
+  if (node == root_node(root) || node->nchildren != 0 ||
+      root_row_names(root, node))
     return;
   TreeNode* stop = node->parent;
   while (stop != root_node(root) && stop->nchildren == 1 &&
-         !row_names(root, stop)) {
+         !root_row_names(root, stop)) {
     stop = stop->parent;
   }
   if (destroy_branch(node, stop) != root_node(root)) return;
@@ -239,7 +234,7 @@ bool forest_index_leaf(uint32_t uid, int32_t ascode, const char* sid,
   root->leaves = static_cast<LeafIndexEntry*>(grown);
   char* copy = stringdup(sid);
   if (copy == nullptr) return false;
-  if (leaf == root_node(root) && !row_names(root, leaf)) root_ref(root);
+  if (leaf == root_node(root) && !root_row_names(root, leaf)) root_ref(root);
   root->leaves[root->leaves_size++] = {copy, leaf, uid, ascode};
   ARBOR_LOG(3, "add sid leaf idx: %s, %p", sid, static_cast<void*>(leaf));
   return true;
@@ -286,15 +281,20 @@ void Tree_new_request(uintptr_t, const void* payload, uint32_t size) {
         ARBOR_LOG(3, "%s:Tree_timed_check", "Tree_new_request");
         post_check(kRequestCheckMs, peer, dx->sid);
       }
-      root_notify(root_node(root), "Follower", kFollowerText,
-                  kMainCmdFollower, peer_length(dx), dx->peer, dx->sid);
+      // The peer is asked first, then the source's driver and the event
+      // tree hear of the new follower. The message goes out with the lock
+      // released; the reference keeps the root (and its own fields, which
+      // root_notify reads) until the end.
       const int32_t pipe = leaf->xfd;
-      tree_release(root);
+      QVXUNLock(&root->lock);
       char text[kCreateTextSize];
       const int32_t length = encode_create(text, dx, hop, pipe);
       ARBOR_LOG(2, "%s: %.*s", "Tree_new_request", length, text);
       sendasc(dx->uid, kAsSession, text, static_cast<uint32_t>(length),
               ARBOR_SEND_CONTROL);
+      root_notify(root_node(root), "Follower", kFollowerText,
+                  kMainCmdFollower, peer_length(dx), dx->peer, dx->sid);
+      root_unref(root);
     }
   }
   if (leaf == nullptr)
@@ -324,15 +324,18 @@ void Tree_new_partial(uintptr_t, const void* payload, uint32_t size) {
       tree_release(root);
       leaf = nullptr;
     } else {
+      // "SessionStart" first, then the Follower notice, as for a request;
+      // both with the lock released and the reference held.
+      QVXUNLock(&root->lock);
+      usync_link_result(dx->uid, dx->ascode, dx->sid,
+                        to_peer ? end->parent : end);
       if (to_peer) {
         root_notify(root_node(root), "Follower", kFollowerText,
                     kMainCmdFollower, peer_length(dx), dx->peer, dx->sid);
       }
       ARBOR_LOG(3, "%s:Tree_timed_check", "Tree_new_partial");
       post_check(kPartialCheckMs, end, dx->sid);
-      tree_release(root);
-      usync_link_result(dx->uid, dx->ascode, dx->sid,
-                        to_peer ? end->parent : end);
+      root_unref(root);
     }
   }
   if (leaf == nullptr)

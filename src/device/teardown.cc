@@ -115,7 +115,18 @@ TreeNode* cleanup_row(TreeRoot* root, const LeafIndexEntry& row,
     return nullptr;
   }
   if (is_leaf_shared(root, row.leaf, sid)) return nullptr;
-  TreeNode* stopped = destroy_branch(row.leaf, root_node(root));
+  // A longer chain may run through another session's leaf: the removal
+  // stops at the nearest ancestor that a remaining row names, which keeps
+  // that session's leaf (and the reference of its branch) alive.
+  TreeNode* stop = root_node(root);
+  for (TreeNode* up = row.leaf->parent; up != nullptr && up != stop;
+       up = up->parent) {
+    if (root_row_names(root, up)) {
+      stop = up;
+      break;
+    }
+  }
+  TreeNode* stopped = destroy_branch(row.leaf, stop);
   if (stopped != root_node(root)) return stopped;
   root_unref(root);
   if (root->leaves_size == 0) root_close(root);
@@ -315,13 +326,11 @@ ARBOR_EXPORT void Tree_cleanup_drv(uintptr_t cls_word, const void*,
 // holds a reference from the look-up and the root's lock for writing, so a
 // command cannot change the tree or sweep the root meanwhile. leaf may be
 // gone: it is only compared with the row's leaf and followed when equal.
-// A check flushed or cancelled before its time (elapsed above 0, as at the
-// stop) does nothing: the branch's time has not come, and the stop ends the
-// session with its own message.
-void Tree_timed_check(int32_t elapsed, uintptr_t leaf_word, int32_t argc,
+// A check flushed at the stop acts like one that came due: a branch that is
+// still not active then has not become so in time.
+void Tree_timed_check(int32_t /*elapsed*/, uintptr_t leaf_word, int32_t argc,
                       char** argv) {
-  if (argc < 1 || argv == nullptr || argv[0] == nullptr || elapsed > 0)
-    return;
+  if (argc < 1 || argv == nullptr || argv[0] == nullptr) return;
   const char* sid = argv[0];
   TreeRoot* root = forest_ref_tree_by_sid(sid);
   ARBOR_LOG(3, "%s(%s)", "Tree_timed_check", sid);

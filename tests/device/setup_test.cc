@@ -274,3 +274,36 @@ TEST_F(Setup, BadRequestsAreRefusedWithoutStoppingAndFreeTheirStrings) {
 }
 
 }  // namespace
+
+namespace {
+
+// A longer chain runs through another session's leaf: ending the longer one
+// must keep that leaf, and ending both gives the root's reference back once.
+TEST_F(Setup, EndingALongerChainKeepsTheLeafItRanThrough) {
+  Request shorter =
+      MakeRequest(0, "s1", {Hop(&dev, "cam.1"), Hop(&dev, "enc.1")});
+  Request longer = MakeRequest(
+      0, "s2", {Hop(&dev, "cam.1"), Hop(&dev, "enc.1"), Hop(&dev, "disp.1")});
+  PushRequest(Tree_new_partial, shorter);
+  PushRequest(Tree_new_partial, longer);
+  Drain();
+  TreeNode* enc = LeafOf("s1");
+  ASSERT_NE(enc, nullptr);
+  ASSERT_EQ(LeafOf("s2")->parent, enc);
+  TreeRoot* root = node_find_root(enc);
+  EXPECT_EQ(root_use_count(root), 1);
+
+  cmdq_push("Tree_destroy_branch", Tree_destroy_branch, 0, "s2", 3);
+  Drain();
+  ASSERT_EQ(LeafOf("s1"), enc);  // still there, now without children
+  EXPECT_EQ(enc->nchildren, 0u);
+  EXPECT_EQ(root_use_count(root), 1);
+
+  cmdq_push("Tree_destroy_branch", Tree_destroy_branch, 0, "s1", 3);
+  Drain();
+  EXPECT_EQ(LeafOf("s1"), nullptr);
+  // disp.1 first, then enc.1, then the source as the root closes.
+  EXPECT_EQ(Closes(), (std::vector<int32_t>{102, 101, 100}));
+}
+
+}  // namespace

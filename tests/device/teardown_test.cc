@@ -163,9 +163,6 @@ TEST_F(Teardown, TimedCheckOnTheWorkerEndsOnlyAnInactiveBranchOfThatLeaf) {
     tq_post_v(timedq_, 0, Tree_timed_check, reinterpret_cast<uintptr_t>(leaf),
               sid, static_cast<const char*>(nullptr));
   };
-  char* argv[] = {const_cast<char*>("t1"), nullptr};
-  Tree_timed_check(1, reinterpret_cast<uintptr_t>(late), 1, argv);  // flushed
-  EXPECT_TRUE(LanTexts().empty());
   check(ready, "t1");  // another leaf than the row's
   check(ready, "t2");  // every node active
   check(late, "t1");
