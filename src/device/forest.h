@@ -196,6 +196,12 @@ void node_close_device(TreeNode* node);
 // Frees name, option, pending and children, and clears every field.
 void node_free_members(TreeNode* node);
 
+// Brings root to its closed state once no row is left: a running read
+// thread is told to end, the device closed, the index freed, exclusive set
+// to 1; on the consumer the branches that no row keeps are cut. A sweep
+// frees the root later. Root locked for writing.
+void root_close(TreeRoot* root);
+
 // Closes and frees every branch under root, lowest first, giving back the
 // reference of each node that hung directly on it; returns their number.
 // Root locked for writing, or unreachable. Cannot fail.

@@ -117,12 +117,7 @@ void prune_unkept(TreeRoot* root, TreeNode* node) {
   if (root->node.nchildren == 0 && root->leaves_size == 0) {
     // The root had nothing but this branch: it closes as after its last
     // session, and a sweep frees it.
-    int32_t running = 2;
-    root->use_thread.compare_exchange_strong(running, -1);
-    node_close_device(root_node(root));
-    std::free(root->leaves);
-    root->leaves = nullptr;
-    root->exclusive = 1;
+    root_close(root);
   }
 }
 

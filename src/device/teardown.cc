@@ -86,21 +86,6 @@ bool is_leaf_shared(const TreeRoot* root, const TreeNode* leaf,
   return false;
 }
 
-// The last row is gone: the read thread is told to end (only a running
-// one: a wanted thread that never started has nothing to end), the device
-// is closed, the index freed, and no branch joins any more. On the consumer
-// the branches that no row keeps are cut as well; on the timed queue's
-// worker they are left for the stop, since a builder on the consumer may be
-// between hanging a node and indexing it.
-void root_close(TreeRoot* root) {
-  int32_t running = 2;
-  root->use_thread.compare_exchange_strong(running, -1);
-  node_close_device(root_node(root));
-  std::free(root->leaves);
-  root->leaves = nullptr;
-  root->exclusive = 1;
-  if (cmdq_on_consumer()) root_prune(root);
-}
 
 // The removal that follows taking `row` out of the index. The reference
 // given back when the removal reaches the root is the branch's, or, for a
@@ -166,6 +151,22 @@ bool is_lan_peer_leaf(const TreeNode* leaf, uint32_t uid) {
 }
 
 }  // namespace
+
+// The last row is gone: the read thread is told to end (only a running
+// one: a wanted thread that never started has nothing to end), the device
+// is closed, the index freed, and no branch joins any more. On the consumer
+// the branches that no row keeps are cut as well; on the timed queue's
+// worker they are left for the stop, since a builder on the consumer may be
+// between hanging a node and indexing it.
+void root_close(TreeRoot* root) {
+  int32_t running = 2;
+  root->use_thread.compare_exchange_strong(running, -1);
+  node_close_device(root_node(root));
+  std::free(root->leaves);
+  root->leaves = nullptr;
+  root->exclusive = 1;
+  if (cmdq_on_consumer()) root_prune(root);
+}
 
 TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out) {
   const int32_t index = root_pop_leaf_index(root, sid);
