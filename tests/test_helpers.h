@@ -34,6 +34,13 @@ class LogCapture {
     return -1;
   }
   bool Has(const std::string& text) { return Find(text) >= 0; }
+  // Every line caught, for a failing case's output.
+  std::string Dump() {
+    std::lock_guard hold(mutex_);
+    std::string all;
+    for (const std::string& line : lines_) all += line + "\n";
+    return all;
+  }
 
  private:
   static void Sink(void* self, int, const char* line, size_t length) {

@@ -8,18 +8,16 @@
 // or DoEvent. So it takes no lock of the class table: the class's number is
 // looked up lock-free (cdef_class_index). Everything it is given is copied
 // before it returns; an event costs the dictionary and a 4096-byte buffer on
-// this stack, nothing more.
-//
-// Not built yet: handing a driver's data and in-band events to the session
-// tree opened on (class, FD). Those two postings belong to the incoming-data
-// side of the forest; until it exists, a call that would post is traced at
-// level 3 and goes no further.
+// this stack, nothing more. Media and events for a tree (FD above 0) are
+// only pushed on the command queue: the tree opened on (class, FD) with uid
+// 0 gets them on the consumer, in the order of this thread's callbacks.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 
 #include "arbor/cdef.h"
 #include "arbor/device_class.h"
+#include "arbor/rsc.h"
 #include "arbor/rsevents.h"
 #include "arbor/support.h"
 #include "cdef/cdef_internal.h"
@@ -44,7 +42,7 @@ void cdef_subscribe(const cdef* cls, const char* path, const char* event) {
 // MainCmd 17 and subResource merged over its own keys. The text must end
 // inside size bytes: a driver's text without a NUL there is refused like
 // one that does not parse.
-void cdef_emit(const void* data, uint32_t size, const char* path,
+void cdef_emit(const cdef* cls, const void* data, uint32_t size, const char* path,
                const char* event, int32_t fd, uint32_t flag) {
   const char* base = static_cast<const char*>(data);
   if (std::memchr(base, '\0', size) == nullptr) {
@@ -68,10 +66,7 @@ void cdef_emit(const void* data, uint32_t size, const char* path,
     return;
   }
   RsEmitEvent(path, event, buffer, nullptr, nullptr);
-  if (fd > 0) {
-    // Missing: the in-band posting of buffer to the tree of (cls, fd).
-    ARBOR_LOG(3, "event for fd %d (flag %#x) not posted in-band", fd, flag);
-  }
+  if (fd > 0) rsc_post_event(cls, fd, buffer, flag);
 }
 
 }  // namespace
@@ -101,11 +96,9 @@ void local_device_callback(const cdef* cls, const char* var, const void* data,
     const int32_t fd = DictGetInt(dict, "FD");
     const auto flag = static_cast<uint32_t>(DictGetInt(dict, "Flag"));
     if (path != nullptr && event != nullptr) {
-      cdef_emit(data, size, path, event, fd, flag);
+      cdef_emit(cls, data, size, path, event, fd, flag);
     } else if (fd > 0) {
-      // Missing: the posting of data as media to the tree of (cls, fd).
-      ARBOR_LOG(3, "media for fd %d (flag %#x, %u bytes) not posted", fd,
-                flag, size);
+      rsc_post_data(cls, fd, data, size, flag);
     }
   }
   DictDestroy(dict);
