@@ -63,6 +63,14 @@ ARBOR_EXPORT int32_t bemerge(char* buffer, uint32_t size, const char* base,
       ARBOR_LOG(0, "DictUpdate: %.*s", length, buffer);
     } else {
       result = DictEncode(buffer, static_cast<int32_t>(size), dict);
+      // A merged text that fills the buffer exactly has no NUL behind it,
+      // and every caller reads the result as a C string: refuse it too.
+      if (result >= static_cast<int32_t>(size)) {
+        ARBOR_LOG(0, "merged text of %d bytes does not fit in %u", result,
+                  size);
+        buffer[0] = '\0';
+        result = 0;
+      }
     }
   }
   DictDestroy(dict);

@@ -67,6 +67,10 @@ TEST(Bemerge, FormatOverridesBaseKeepsOtherKeysAndRefusesWhatDoesNotFit) {
                     "x=0123456789abcdefghij"),
             0);
   EXPECT_EQ(bemerge(buffer, sizeof buffer, "not a dictionary", "a=b;"), 0);
+  // 16 bytes merged: no room for the NUL in 16, room in 17.
+  EXPECT_EQ(bemerge(buffer, 16, "level=55555;", "a=%d;", 1), 0);
+  EXPECT_EQ(buffer[0], '\0');
+  EXPECT_EQ(bemerge(buffer, 17, "level=55555;", "a=%d;", 1), 16);
 }
 
 TEST(WanWrite, GivesMediaTypeOnlyWhenFlagsHaveNone) {
