@@ -147,6 +147,28 @@ ARBOR_EXPORT int32_t wan_write(int32_t xfd, const void* data, uint32_t size,
 ARBOR_EXPORT int32_t lan_write(int32_t xfd, const void* data, uint32_t size,
                                uint32_t flags);
 
+/* ------------------------------------------------- Resource announcement */
+
+/*
+ * Tells the service what this peer offers: for each registered class in
+ * order, a MainCmd 17 "eventResOnline" message built over its object
+ * information (which must name its Type, of at most 127 characters), then
+ * one for each comma-separated name of its Retrieve list (at most 511
+ * announced). Sent under AS code 100; the results are not looked at. Called
+ * at each accepted sign-in, on the transport's thread, with the class mutex
+ * held across the driver calls: GetObjectInfo and Retrieve must not wait for
+ * anything that needs it.
+ */
+ARBOR_EXPORT void cdef_resources_present(void);
+
+/*
+ * The hardware address of network interface `interface` as text
+ * ("0:1a:2b:3c:4d:5e", as ether_ntoa writes it), or null when it cannot be
+ * read. The text lives in one static buffer that the next call overwrites:
+ * not reentrant.
+ */
+ARBOR_EXPORT const char* get_mac_address(const char* interface);
+
 ARBOR_END_DECLS
 
 #endif /* ARBOR_DEVICE_CLASS_H */

@@ -6,6 +6,7 @@
 // pending entries run, flushed, while every table they might touch is still
 // in place), the transport last. Each step of the stop is announced by a
 // level-2 line "SysExit:<step>" so that a hung stop shows where it hangs.
+#include "init/link.h"
 #include "init/sys_state.h"
 
 #include <cstring>
@@ -127,7 +128,7 @@ extern "C" ARBOR_EXPORT int32_t SysExit(void) {
     // LAN unavailable and only logs.
     sys_.lan_state.store(-1, std::memory_order_relaxed);
     ARBOR_LOG(2, "%s:UnInitLAN", __func__);
-    UnInitLAN(nullptr, 0, 0, 0);
+    UnInitLAN(on_lan_callback, 0, 0, 0);
   }
 
   ARBOR_LOG(2, "%s:NetClose", __func__);
