@@ -297,12 +297,16 @@ void* thread_read_root(void* arg) {
         QVXUNLock(&root->lock);
         break;
       }
+      int32_t reached = 0;
       if (node->active != 0)
-        walk_tree(&list, node, transf, buffer, static_cast<uint32_t>(nread),
-                  flags);
+        reached = walk_tree(&list, node, transf, buffer,
+                            static_cast<uint32_t>(nread), flags);
       QVXUNLock(&root->lock);
-      // The network writes, with no lock held.
-      if (respond(&list) > 0) continue;
+      // The network writes, with no lock held. A chunk that reached an
+      // active node is no sign of trouble even when no network write
+      // followed (a chain of device sinks): the line below is kept for a
+      // chunk that went nowhere, or it would repeat for every chunk.
+      if (respond(&list) > 0 || reached > 0) continue;
       QVRLock(&root->lock);
       ARBOR_LOG(1, "%s: no actived?: use-thread=%d, nchildren=%u, nread=%d",
                 name, root->use_thread.load(), node->nchildren, nread);

@@ -126,6 +126,9 @@ struct LeafOwner {
 };
 
 // Reasons handed to teardown, as the owners read them in "coz".
+// The AS code of session control, and of the service's own sessions.
+inline constexpr int32_t kAsSession = 100;
+
 inline constexpr const char* kReasonSysExit = "Sys_Exit";
 inline constexpr const char* kReasonThreadTerminated = "Thread_Terminated";
 inline constexpr const char* kReasonCleanupDrv = "Cleanup_Drv/Wan";
@@ -221,12 +224,21 @@ void _destroy_root(TreeRoot* root);
 // last row closes the root.
 TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out);
 
+// Sends a session message to the owner (uid, ascode) of a row. A session
+// that this peer's own host dialled (uid 0, an AS code other than the
+// service's 100) has its owner here: the text goes to the local table under
+// ascode, where the host's handler and the session commands hear it, rather
+// than to the service. Every other owner is sent the text by sendasc.
+void forest_tell_owner(uint32_t uid, int32_t ascode, const char* text,
+                       uint32_t size);
+
 // Tells the owner "SessionDelete" with reason (null: empty "coz").
 void usync_closing(uint32_t uid, int32_t ascode, const char* sid,
                    const char* reason);
 
 // Tells the owner "RUN_FAIL" with reason, and with uid not 0 also the local
-// dispatch. A null sid does nothing.
+// dispatch, so that the local side tears down through the same handler. A
+// null sid does nothing.
 void raise_link_fail(uint32_t uid, int32_t ascode, const char* sid,
                      const char* reason);
 

@@ -31,7 +31,6 @@
 namespace {
 
 constexpr int32_t kMainCmdFollower = 17;
-constexpr int32_t kAsSession = 100;
 // The most bytes "SessionCreate" may take.
 constexpr int32_t kCreateTextSize = 2048;
 // How long a new branch has to become active.
@@ -191,13 +190,7 @@ void usync_link_result(uint32_t uid, int32_t ascode, const char* sid,
   if (text != nullptr) {
     const int32_t length = DictEncode(text, need + 1, dict);
     ARBOR_LOG(3, "*** Tree_ok: %.*s.", length, text);
-    if (uid != 0 || ascode == kAsSession) {
-      sendasc(uid, ascode, text, static_cast<uint32_t>(length),
-              ARBOR_SEND_CONTROL);
-    } else {
-      asdispatch(get_lan_cdef(), 0, ascode, text,
-                 static_cast<uint32_t>(length));
-    }
+    forest_tell_owner(uid, ascode, text, static_cast<uint32_t>(length));
     std::free(text);
   }
   DictDestroy(dict);

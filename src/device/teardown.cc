@@ -174,6 +174,15 @@ TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out) {
   return cleanup_row(root, root_pop_leaf_at(root, index), sid, out);
 }
 
+void forest_tell_owner(uint32_t uid, int32_t ascode, const char* text,
+                       uint32_t size) {
+  if (uid == 0 && ascode != kAsSession) {
+    asdispatch(get_lan_cdef(), 0, ascode, text, size);
+  } else {
+    sendasc(uid, ascode, text, size, ARBOR_SEND_CONTROL);
+  }
+}
+
 // The text is built in 128 bytes; the longest reason (18 bytes) and a sid
 // of 63 fit. A text that would not fit is not sent cut (a cut dictionary
 // would not parse on the far side): it is logged at level 0 and dropped.
@@ -188,7 +197,7 @@ void usync_closing(uint32_t uid, int32_t ascode, const char* sid,
     return;
   }
   ARBOR_LOG(2, "%s", text);
-  sendasc(uid, ascode, text, static_cast<uint32_t>(n), ARBOR_SEND_CONTROL);
+  forest_tell_owner(uid, ascode, text, static_cast<uint32_t>(n));
 }
 
 // Same rule for a text that does not fit its 192 bytes.
@@ -203,7 +212,7 @@ void raise_link_fail(uint32_t uid, int32_t ascode, const char* sid,
     return;
   }
   ARBOR_LOG(0, "Tree_%s: %s", "raise_link_fail", text);
-  sendasc(uid, ascode, text, static_cast<uint32_t>(n), ARBOR_SEND_CONTROL);
+  forest_tell_owner(uid, ascode, text, static_cast<uint32_t>(n));
   if (uid != 0) {
     asdispatch(get_lan_cdef(), 0, ascode, text, static_cast<uint32_t>(n));
   }

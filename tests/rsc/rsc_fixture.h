@@ -8,6 +8,7 @@
 //           millisecond (the device's own pace).
 //   enc.1   pass-through transform (no Convert).
 //   sink.1  sink: counts the bytes written, records DoEvent texts.
+//           (sink.bad: the same driver, whose Open fails.)
 //   push.1  source without a thread, fed by its driver through the callback;
 //           Open gives descriptor 7.
 #ifndef ARBOR_TESTS_RSC_RSC_FIXTURE_H
@@ -53,6 +54,7 @@ inline int32_t SetCallback(DeviceCallback callback) {
   return 0;
 }
 inline int32_t Open(const char* name, const char*, uint32_t* threading) {
+  if (std::strcmp(name, "sink.bad") == 0) return -1;
   std::lock_guard hold(drivers.mutex);
   drivers.opens.emplace_back(name);
   *threading = std::strncmp(name, "cam.", 4) == 0 ? 1 : 0;
@@ -99,7 +101,7 @@ inline cdef MakeClass(const char* (*retrieve)(), bool source, bool sink) {
 }
 inline cdef cam = MakeClass([] { return "cam.1"; }, true, false);
 inline cdef enc = MakeClass([] { return "enc.1"; }, false, false);
-inline cdef sink = MakeClass([] { return "sink.1"; }, false, true);
+inline cdef sink = MakeClass([] { return "sink.1,sink.bad"; }, false, true);
 inline cdef push = MakeClass([] { return "push.1"; }, false, false);
 
 inline std::vector<std::string> Events() {

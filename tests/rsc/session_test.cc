@@ -49,7 +49,21 @@ uint32_t RequestFrom(uint16_t peer, const std::string& sid) {
   return static_cast<uint32_t>(std::stoul(Key(create, "FD0")));
 }
 
+// What the host hears under the AS code of its dials.
+std::mutex host_mutex;
+std::vector<std::string> host_texts;
+int32_t HostHandler(uint32_t, uint32_t size, const char* data) {
+  std::lock_guard hold(host_mutex);
+  host_texts.emplace_back(data, size);
+  return 0;
+}
+std::string HostHeard(const std::string& needle) {
+  std::lock_guard hold(host_mutex);
+  return Find(host_texts, needle);
+}
+
 TEST_F(Session, LocalDialStreamsAThreeHopChainAndHangsUpCleanly) {
+  SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(HostHandler));
   char sids[RSC_SID_SLOT];
   RSCDial(200, sids, "ftN0=cam.1;ftN1=enc.1;ftN2=sink.1;", nullptr);
   ASSERT_NE(sids[0], '\0');
@@ -60,11 +74,26 @@ TEST_F(Session, LocalDialStreamsAThreeHopChainAndHangsUpCleanly) {
   EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
   EXPECT_EQ(Opens(), 3u);
 
+  EXPECT_NE(HostHeard("MainCmd=SessionStart"), "");
+
   EXPECT_NE(RSCHangup(0, sids), 0);
   ASSERT_TRUE(WaitFor([] { return Closes() == 3; }));
   const uint32_t after = sink_writes.load();
   Drain();
   EXPECT_EQ(sink_writes.load(), after);
+  // The end is told to this host, under the dial's code, not to the service.
+  EXPECT_EQ(Key(HostHeard("MainCmd=SessionDelete"), "sidN"), sids);
+  EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
+}
+
+TEST_F(Session, ALocalChainThatCannotBeBuiltIsReportedToTheHost) {
+  SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(HostHandler));
+  char sids[RSC_SID_SLOT];
+  RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.bad;", nullptr);
+  ASSERT_TRUE(WaitFor([] { return !HostHeard("RUN_FAIL").empty(); }));
+  EXPECT_EQ(Key(HostHeard("RUN_FAIL"), "coz"), "Tree create fail");
+  EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
+  ASSERT_TRUE(WaitFor([] { return Closes() == 1; }));
 }
 
 TEST_F(Session, PeerRequestBuildsTheSourceSideAndStreamsAfterSessionStart) {
