@@ -34,6 +34,15 @@ class LogCapture {
     return -1;
   }
   bool Has(const std::string& text) { return Find(text) >= 0; }
+  // Whether a line of exactly `level` contains text: some faults differ
+  // from correct behaviour only in the level of a line.
+  bool HasAt(int level, const std::string& text) {
+    std::lock_guard hold(mutex_);
+    for (size_t i = 0; i < lines_.size(); ++i)
+      if (levels_[i] == level && lines_[i].find(text) != std::string::npos)
+        return true;
+    return false;
+  }
   // Every line caught, for a failing case's output.
   std::string Dump() {
     std::lock_guard hold(mutex_);
@@ -43,14 +52,16 @@ class LogCapture {
   }
 
  private:
-  static void Sink(void* self, int, const char* line, size_t length) {
+  static void Sink(void* self, int level, const char* line, size_t length) {
     auto* capture = static_cast<LogCapture*>(self);
     std::lock_guard hold(capture->mutex_);
     capture->lines_.emplace_back(line, length);
+    capture->levels_.push_back(level);
   }
   int previous_;
   std::mutex mutex_;
   std::vector<std::string> lines_;
+  std::vector<int> levels_;
 };
 
 // The index-th recorded call of fn, which must exist.

@@ -45,16 +45,12 @@ int32_t SetCallback(DeviceCallback callback) {
 
 template <int I>
 cdef Make() {
-  return cdef{.Reserved = nullptr,
-              .SetCallback = SetCallback<I>,
-              .Retrieve = Retrieve<I>,
-              .GetObjectInfo = Info,
-              .Open = nullptr,
-              .Close = nullptr,
-              .DoEvent = DoEvent,
-              .Write = nullptr,
-              .Read = nullptr,
-              .Convert = nullptr};
+  cdef cls{};
+  cls.SetCallback = SetCallback<I>;
+  cls.Retrieve = Retrieve<I>;
+  cls.GetObjectInfo = Info;
+  cls.DoEvent = DoEvent;
+  return cls;
 }
 
 // classes[i] is class I, ready to register.

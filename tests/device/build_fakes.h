@@ -20,9 +20,6 @@
 
 namespace build_test {
 
-using forest_test::FakeClose;
-using forest_test::FakeDoEvent;
-
 struct OpenRecord {
   std::mutex mutex;
   std::vector<std::string> opens;  // "name" or "name/option"
@@ -49,15 +46,12 @@ inline std::vector<std::string> Opens() {
 // A source whose first Read fails: its read thread ends at once.
 inline int32_t FailingRead(int32_t, void*, uint32_t, uint32_t*) { return -1; }
 
-inline cdef MakeDevice() {
-  cdef cls{};
+inline cdef dev = [] {
+  cdef cls = forest_test::camera;
   cls.Open = FakeOpen;
-  cls.Close = FakeClose;
-  cls.DoEvent = FakeDoEvent;
   cls.Read = FailingRead;
   return cls;
-}
-inline cdef dev = MakeDevice();
+}();
 
 // A source that yields a chunk about every millisecond, and sinks that
 // count what they are given: a read thread that keeps walking.
@@ -72,13 +66,12 @@ inline int32_t CountWrite(int32_t, const void*, uint32_t size, uint32_t) {
   written += size;
   return static_cast<int32_t>(size);
 }
-inline cdef MakeStreamDevice() {
-  cdef cls = MakeDevice();
+inline cdef stream = [] {
+  cdef cls = dev;
   cls.Read = ChunkRead;
   cls.Write = CountWrite;
   return cls;
-}
-inline cdef stream = MakeStreamDevice();
+}();
 
 // One hop; the test's literals are copied by whoever keeps them.
 inline MNodeInfo Hop(cdef* cls, const char* name, const char* option = nullptr,

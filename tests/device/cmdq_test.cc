@@ -39,7 +39,7 @@ TEST_F(CommandQueue, BurstFromSeveralThreadsRunsEachThreadsCommandsInOrder) {
   for (auto [t, i] : seen) EXPECT_EQ(i, next[t]++) << "thread " << t;
 }
 
-TEST_F(CommandQueue, NullHandlerClosesAndJoinsAndASecondStopIsRefused) {
+TEST_F(CommandQueue, NullHandlerClosesAndJoinsAndClosedQueueRefusesPushes) {
   EXPECT_NE(cmdq_push("null", nullptr, 0, nullptr, 0), nullptr);
   EXPECT_FALSE(cmdq_running());  // joined before the push returned
   EXPECT_FALSE(log_.Has("commandq end."));
@@ -48,6 +48,14 @@ TEST_F(CommandQueue, NullHandlerClosesAndJoinsAndASecondStopIsRefused) {
   EXPECT_TRUE(log_.Has("_commandq_push: commandq end."));
   device_stop();  // returns at once
   EXPECT_TRUE(seen.empty());
+  // A consumer that cannot start leaves the queue closed; a later start works.
+  cmdq_test_fail_next_start();
+  EXPECT_EQ(device_start(), 0);
+  EXPECT_FALSE(cmdq_running());
+  EXPECT_EQ(cmdq_push("Record", Record, 0, v, sizeof v), nullptr);
+  device_stop();  // returns at once
+  EXPECT_EQ(device_start(), 0);
+  OnConsumer([] {});
 }
 
 struct Arrival {
@@ -61,18 +69,6 @@ void Note(uintptr_t, const void* payload, uint32_t size) {
   arrival = {payload, size, cmdq_cached_total(),
              payload ? std::string(static_cast<const char*>(payload), size)
                      : std::string()};
-}
-
-TEST_F(CommandQueue, SizeWithoutPayloadIsANumberAndPayloadWithoutSizeIsNull) {
-  cmdq_push("Note", Note, 0, nullptr, 77);
-  forest_test::Drain();
-  EXPECT_EQ(arrival.payload, nullptr);
-  EXPECT_EQ(arrival.size, 77u);
-  EXPECT_EQ(arrival.cached_at_run, 0u);  // nothing was counted
-  cmdq_push("Note", Note, 0, "abc", 0);
-  forest_test::Drain();
-  EXPECT_EQ(arrival.payload, nullptr);
-  EXPECT_EQ(arrival.size, 0u);
 }
 
 TEST_F(CommandQueue, PayloadIsCopiedAtOnceAndCountedUntilItsCommandRan) {
@@ -91,6 +87,16 @@ TEST_F(CommandQueue, PayloadIsCopiedAtOnceAndCountedUntilItsCommandRan) {
   EXPECT_EQ(arrival.bytes, std::string("abcd", 5));
   EXPECT_EQ(arrival.cached_at_run, 5u);  // freed only after the handler
   EXPECT_EQ(cmdq_cached_total(), 0u);
+  // A size without a payload is a number; a payload without a size is null.
+  cmdq_push("Note", Note, 0, nullptr, 77);
+  forest_test::Drain();
+  EXPECT_EQ(arrival.payload, nullptr);
+  EXPECT_EQ(arrival.size, 77u);
+  EXPECT_EQ(arrival.cached_at_run, 0u);  // nothing was counted
+  cmdq_push("Note", Note, 0, "abc", 0);
+  forest_test::Drain();
+  EXPECT_EQ(arrival.payload, nullptr);
+  EXPECT_EQ(arrival.size, 0u);
 }
 
 TEST_F(CommandQueue, FailedAllocationRefusesThePushAndQueuesNothingHalf) {
@@ -113,18 +119,6 @@ TEST_F(CommandQueue, MarkerPushedByACommandClosesWithoutWaitingForItself) {
   }, 0, nullptr, 0);
   EXPECT_TRUE(WaitFor([] { return !cmdq_running(); }));
   EXPECT_TRUE(log_.Has("exit marker pushed by a command; not joined"));
-}
-
-TEST_F(CommandQueue, ConsumerThatCannotStartLeavesTheQueueClosed) {
-  device_stop();
-  cmdq_test_fail_next_start();
-  EXPECT_EQ(device_start(), 0);
-  EXPECT_FALSE(cmdq_running());
-  EXPECT_EQ(cmdq_push("Note", Note, 0, nullptr, 1), nullptr);
-  EXPECT_TRUE(log_.Has("_commandq_push: commandq end."));
-  device_stop();  // returns at once
-  EXPECT_EQ(device_start(), 0);  // a later start works again
-  OnConsumer([] {});
 }
 
 }  // namespace

@@ -108,24 +108,18 @@ inline int32_t Convert(int32_t, const void* in, uint32_t* in_size, void* out,
 }
 inline int32_t NopClose(int32_t) { return 0; }
 
-inline cdef MakeSource() {
+inline cdef MakeClass(bool reads, bool convert) {
   cdef cls{};
-  cls.Close = SourceClose;
+  cls.Close = reads ? SourceClose : NopClose;
   cls.DoEvent = SinkEvent;
-  cls.Read = SourceRead;
+  cls.Read = reads ? SourceRead : nullptr;
+  cls.Write = reads ? nullptr : SinkWrite;
+  cls.Convert = convert ? Convert : nullptr;
   return cls;
 }
-inline cdef MakeDevice(bool convert) {
-  cdef cls{};
-  cls.Close = NopClose;
-  cls.DoEvent = SinkEvent;
-  cls.Write = SinkWrite;
-  if (convert) cls.Convert = Convert;
-  return cls;
-}
-inline cdef source_class = MakeSource();
-inline cdef sink_class = MakeDevice(false);
-inline cdef converter_class = MakeDevice(true);
+inline cdef source_class = MakeClass(true, false);
+inline cdef sink_class = MakeClass(false, false);
+inline cdef converter_class = MakeClass(false, true);
 
 // The writes xfd received, once there are at least count (10 s limit).
 inline std::vector<std::string> WritesOf(int32_t xfd, size_t count) {

@@ -16,12 +16,14 @@ class DataPath : public ForestTest {};
 
 constexpr int32_t kPipe = 1024;
 
-// source -> pass-through -> {sink 11 active, sink 12 inactive}
+// source -> pass-through -> {sink 11 active, sink 12 inactive}; 130 empty
+// reads first, logged at the 64th and 128th only.
 TEST_F(DataPath, ChunksReachActiveSinksInOrderAndSkipInactiveOnes) {
   TreeRoot* root = Root(&source_class, 3, 0, "cam");
   TreeNode* mid = Hang(root, &sink_class, 10);
   Node(mid, &sink_class, 11);
   Node(mid, &sink_class, 12, /*active=*/0);
+  source.empty_reads = 130;  // before the thread: no lock needed
   StartThread(root);
   Feed(Bytes(1, 100));
   Feed(Bytes(2, 200));
@@ -35,6 +37,10 @@ TEST_F(DataPath, ChunksReachActiveSinksInOrderAndSkipInactiveOnes) {
   EXPECT_TRUE(sinks.writes[12].empty());
   EXPECT_TRUE(sinks.writes[10].empty()) << "a node with children is no leaf";
   for (uint32_t flags : sinks.flags) EXPECT_EQ(flags, 0x40100u);
+  EXPECT_TRUE(log_.Has("cam: 64-times ZERO."));
+  EXPECT_TRUE(log_.Has("cam: 128-times ZERO."));
+  EXPECT_FALSE(log_.Has("cam: 65-times ZERO."));
+  EXPECT_FALSE(log_.Has("cam: 130-times ZERO."));
 }
 
 // 100 bytes, 70 taken; then 50 more reach Convert as 80, the 30 first.
@@ -57,11 +63,13 @@ TEST_F(DataPath, HeldBackBytesGoFirstIntoTheNextChunk) {
 }
 
 // The LAN pipe: one job per chunk serves both peers, the inactive one too.
-TEST_F(DataPath, LanPipeSendsOneRecordToEveryPeer) {
+// A failed send ends that peer's sessions ("Lan_Write_error"); the other
+// peer keeps its session and its data.
+TEST_F(DataPath, LanPipeSendsOneRecordToEveryPeerAndFailedSendEndsThatPeer) {
   TreeRoot* root = Root(&source_class, 3);
   TreeNode* pipe = Hang(root, get_lan_cdef(), kPipe);
-  Node(pipe, get_lan_cdef(), 7);
-  Node(pipe, get_lan_cdef(), 9, /*active=*/0);
+  Row(Node(pipe, get_lan_cdef(), 7), "sid-seven", 7);
+  Row(Node(pipe, get_lan_cdef(), 9, /*active=*/0), "sid-nine", 9);
   StartThread(root);
   Feed(Bytes(5, 1400));
   ASSERT_EQ(scripted_wait_calls(SCRIPTED_LAN_NET_WRITE, 2, 10000), 1);
@@ -81,6 +89,22 @@ TEST_F(DataPath, LanPipeSendsOneRecordToEveryPeer) {
   int first = log_.Find("Nw return");
   ASSERT_GE(first, 0);
   EXPECT_LT(log_.Find("Nw"), first);
+
+  scripted_push_peer_result(7, -1, 1);
+  Feed(Bytes(1, 64));
+  ASSERT_TRUE(WaitFor([] {
+    for (const std::string& t : LanTexts(7))
+      if (t.find("SessionDelete") != std::string::npos) return true;
+    return false;
+  }));
+  EXPECT_TRUE(log_.Has("sendasc: -1"));
+  EXPECT_NE(LanTexts(7).back().find("Lan_Write_error"), std::string::npos);
+  Drain();
+  QVRLock(&root->lock);
+  ASSERT_EQ(root->leaves_size, 1);
+  EXPECT_STREQ(root->leaves[0].sid, "sid-nine");
+  QVXUNLock(&root->lock);
+  EXPECT_EQ(LanTexts(9).size(), 2u);
 }
 
 // The deferred write proves the lock free: a writer must get the root's
@@ -128,34 +152,6 @@ TEST_F(DataPath, DeferredWritesRunWithTheLockReleased) {
   EXPECT_TRUE(probe.result) << "the network write ran under the tree lock";
 }
 
-// A failed send ends that peer's sessions ("Lan_Write_error"); the other
-// peer keeps its session and its data.
-TEST_F(DataPath, FailedLanSendCleansUpThatPeerOnly) {
-  TreeRoot* root = Root(&source_class, 3);
-  TreeNode* pipe = Hang(root, get_lan_cdef(), kPipe);
-  Row(Node(pipe, get_lan_cdef(), 7), "sid-seven", 7);
-  Row(Node(pipe, get_lan_cdef(), 9), "sid-nine", 9);
-  scripted_push_peer_result(7, -1, 1);
-  StartThread(root);
-  Feed(Bytes(1, 64));
-  ASSERT_TRUE(WaitFor([] {
-    for (const std::string& t : LanTexts(7))
-      if (t.find("SessionDelete") != std::string::npos) return true;
-    return false;
-  }));
-  EXPECT_TRUE(log_.Has("sendasc: -1"));
-  bool reason = false;
-  for (const std::string& t : LanTexts(7))
-    reason = reason || t.find("Lan_Write_error") != std::string::npos;
-  EXPECT_TRUE(reason);
-  Drain();
-  QVRLock(&root->lock);
-  ASSERT_EQ(root->leaves_size, 1);
-  EXPECT_STREQ(root->leaves[0].sid, "sid-nine");
-  QVXUNLock(&root->lock);
-  EXPECT_EQ(LanTexts(9).size(), 1u);
-}
-
 // A thread blocked in Read ends when the stop closes the device.
 TEST_F(DataPath, ThreadBlockedInReadEndsAtStop) {
   TreeRoot* root = Root(&source_class, 3);
@@ -170,31 +166,11 @@ TEST_F(DataPath, ThreadBlockedInReadEndsAtStop) {
   EXPECT_FALSE(log_.Has("FLAG=")) << "a read failing after the stop is quiet";
 }
 
-// Empty reads are logged at the 64th and 128th only.
-TEST_F(DataPath, EverySixtyFourthEmptyReadLogsOnce) {
-  TreeRoot* root = Root(&source_class, 3, 0, "cam");
-  Hang(root, &sink_class, 30);
-  {
-    std::lock_guard hold(source.mutex);
-    source.empty_reads = 130;
-  }
-  StartThread(root);
-  Feed(Bytes(1, 10));
-  ASSERT_EQ(WritesOf(30, 1).size(), 1u);
-  EXPECT_TRUE(log_.Has("cam: 64-times ZERO."));
-  EXPECT_TRUE(log_.Has("cam: 128-times ZERO."));
-  EXPECT_FALSE(log_.Has("cam: 65-times ZERO."));
-  EXPECT_FALSE(log_.Has("cam: 130-times ZERO."));
-}
-
 // A failing Read ends the thread; the next forest scan ends the sessions.
 TEST_F(DataPath, FailedReadEndsTheThreadAndItsSessions) {
   TreeRoot* root = Root(&source_class, 3);
   Row(Hang(root, &sink_class, 30), "sid-r", 0);
-  {
-    std::lock_guard hold(source.mutex);
-    source.fail_with = -5;
-  }
+  source.fail_with = -5;  // before the thread: no lock needed
   StartThread(root);
   ASSERT_TRUE(WaitFor([root] { return root->use_thread.load() == -111; }));
   EXPECT_TRUE(log_.Has("thread_read_root:root(3, ...): -5, FLAG=0x40000."));

@@ -8,8 +8,8 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -46,26 +46,22 @@ inline int32_t FakeDoEvent(const char*, int32_t, const char* text) {
   driver.events.emplace_back(text);
   return 0;
 }
-inline std::vector<int32_t> Closes() {
+template <typename T>
+std::vector<T> Locked(const std::vector<T>& v) {
   std::lock_guard hold(driver.mutex);
-  return driver.closes;
+  return v;
 }
-inline std::vector<std::string> Events() {
-  std::lock_guard hold(driver.mutex);
-  return driver.events;
-}
+inline std::vector<int32_t> Closes() { return Locked(driver.closes); }
+inline std::vector<std::string> Events() { return Locked(driver.events); }
 
 // A camera that records; and a class whose optional slots are all missing.
-inline cdef MakeClass(bool slots) {
+inline cdef camera = [] {
   cdef cls{};
-  if (slots) {
-    cls.Close = FakeClose;
-    cls.DoEvent = FakeDoEvent;
-  }
+  cls.Close = FakeClose;
+  cls.DoEvent = FakeDoEvent;
   return cls;
-}
-inline cdef camera = MakeClass(true);
-inline cdef bare = MakeClass(false);
+}();
+inline cdef bare{};
 
 inline TreeNode* Append(TreeNode* parent, TreeNode* child) {
   if (parent->nchildren % 8 == 0) {
@@ -150,24 +146,17 @@ inline void StartReader(TreeRoot* root, bool end_at_once) {
 // Runs fn on the consumer and waits until it has run.
 inline void OnConsumer(std::function<void()> fn) {
   struct Job {
-    explicit Job(std::function<void()> f) : fn(std::move(f)) {}
     std::function<void()> fn;
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool done = false;
-  } job(std::move(fn));
+    std::atomic<bool> done{false};
+  } job{std::move(fn)};
   auto run = [](uintptr_t arg, const void*, uint32_t) {
     auto* j = reinterpret_cast<Job*>(arg);
     j->fn();
-    std::lock_guard hold(j->mutex);
-    j->done = true;
-    j->cv.notify_one();
+    j->done = true;  // the last touch of j: the caller may return now
   };
   ASSERT_NE(cmdq_push("job", run, reinterpret_cast<uintptr_t>(&job), nullptr,
                       0), nullptr);
-  std::unique_lock hold(job.mutex);
-  ASSERT_TRUE(job.cv.wait_for(hold, std::chrono::seconds(10),
-                              [&] { return job.done; }));
+  ASSERT_TRUE(WaitFor([&job] { return job.done.load(); }));
 }
 inline void Drain() { OnConsumer([] {}); }
 
@@ -196,6 +185,11 @@ inline std::vector<std::string> WanTexts() {
   for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i)
     if (call.text != nullptr) texts.emplace_back(call.text, call.text_size);
   return texts;
+}
+
+inline std::string SessionDelete(const std::string& sid,
+                                 const std::string& coz) {
+  return "sidN=" + sid + ";MainCmd=SessionDelete;coz=" + coz + ";";
 }
 
 // Starts the library with the forest; the stop ends every case with the

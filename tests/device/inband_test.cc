@@ -55,6 +55,10 @@ TreeRoot* LanFedTree() {
 
 TEST_F(Inband, InflateCarriesHeldBytesAndDropsWhatConvertCannotUse) {
   TreeRoot* root = LanFedTree();
+  // Another peer's, empty, and a length beyond the record's bytes: dropped.
+  PushRecord(Tree_inflate, Record(get_lan_cdef(), 6, kPipe, "abc", 3));
+  PushRecord(Tree_inflate, Record(get_lan_cdef(), 5, kPipe, "", 0));
+  PushRecord(Tree_inflate, Record(get_lan_cdef(), 5, kPipe, "abc", 4000));
   Inflate(Bytes(0, 100));   // 70 out, 30 held
   Inflate(Bytes(100, 4));   // 34 in: Convert reports nothing, all dropped
   Inflate(Bytes(104, 35));  // nothing held any more: exactly this chunk
@@ -67,35 +71,14 @@ TEST_F(Inband, InflateCarriesHeldBytesAndDropsWhatConvertCannotUse) {
   EXPECT_EQ(sinks.flags[0], 0x40000u);
 }
 
-TEST_F(Inband, InflateForNoKnownTreeOrEmptyIsDropped) {
-  LanFedTree();
-  PushRecord(Tree_inflate, Record(get_lan_cdef(), 6, kPipe, "abc", 3));
-  PushRecord(Tree_inflate, Record(get_lan_cdef(), 5, kPipe, "", 0));
-  // A length beyond the record's bytes is never read.
-  PushRecord(Tree_inflate, Record(get_lan_cdef(), 5, kPipe, "abc", 4000));
-  Drain();
-  std::lock_guard hold(sinks.mutex);
-  EXPECT_TRUE(sinks.writes[41].empty());
-}
-
-// The network writes of Tree_inflate go out after the walk: a LAN pipe
-// under a device feeds peers 7 and 9 with one record.
-TEST_F(Inband, InflateFansOutThroughALanPipe) {
+// The network writes of Tree_inflate go out after the walk: a LAN pipe feeds
+// peers 7 and 9 with one record; a WAN pipe node sends once for all its
+// children, and not at all when none of them is active.
+TEST_F(Inband, InflateFansOutThroughLanAndWanPipes) {
   TreeRoot* root = Root(&source_class, 3, 0, "cam");
   TreeNode* pipe = Hang(root, get_lan_cdef(), 1024);
   Node(pipe, get_lan_cdef(), 7);
   Node(pipe, get_lan_cdef(), 9);
-  forest_link(root);
-  PushRecord(Tree_inflate, Record(&source_class, 0, 3, Bytes(9, 500), 500));
-  Drain();
-  EXPECT_EQ(LanTexts(7), std::vector<std::string>{Bytes(9, 500)});
-  EXPECT_EQ(LanTexts(9), std::vector<std::string>{Bytes(9, 500)});
-}
-
-// A WAN pipe node sends once for all its children, and not at all when
-// none of them is active.
-TEST_F(Inband, WanPipeSendsOnlyWithAnActiveChild) {
-  TreeRoot* root = Root(&source_class, 3, 0, "cam");
   Node(Hang(root, get_wan_cdef(), 2000), get_wan_cdef(), 0, /*active=*/0);
   TreeNode* live = Hang(root, get_wan_cdef(), 2001);
   Node(live, get_wan_cdef(), 0);
@@ -103,6 +86,8 @@ TEST_F(Inband, WanPipeSendsOnlyWithAnActiveChild) {
   forest_link(root);
   PushRecord(Tree_inflate, Record(&source_class, 0, 3, Bytes(1, 300), 300));
   Drain();
+  EXPECT_EQ(LanTexts(7), std::vector<std::string>{Bytes(1, 300)});
+  EXPECT_EQ(LanTexts(9), std::vector<std::string>{Bytes(1, 300)});
   ASSERT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 1u);
   scripted_call call = Recorded(SCRIPTED_NET_WRITE, 0);
   EXPECT_EQ(call.header.nPipe, 2001u);
@@ -111,8 +96,9 @@ TEST_F(Inband, WanPipeSendsOnlyWithAnActiveChild) {
 }
 
 // root(cam) -> dev 50 -> LAN pipe 1024 -> {peer 7, peer 9 inactive};
-// root -> WAN pipe 2000 -> peer 0.
-TEST_F(Inband, TextReachesDevicesAndIsSentToPeersAndTheWan) {
+// root -> WAN pipe 2000 -> peer 0. Unterminated, empty or unknown text is
+// refused: outside input never reaches the walk's NUL assertion.
+TEST_F(Inband, TextReachesDevicesAndPeersAndTheWanAndBadTextIsRefused) {
   TreeRoot* root = Root(&source_class, 3, 0, "cam");
   TreeNode* dev = Hang(root, &sink_class, 50, 1, "dev");
   TreeNode* pipe = Node(dev, get_lan_cdef(), 1024);
@@ -121,9 +107,16 @@ TEST_F(Inband, TextReachesDevicesAndIsSentToPeersAndTheWan) {
   TreeNode* wan = Hang(root, get_wan_cdef(), 2000);
   Node(wan, get_wan_cdef(), 0);
   forest_link(root);
+  PushRecord(Tree_inband, Record(&source_class, 0, 3, "abcd", 4));
+  PushRecord(Tree_inband, Record(&source_class, 0, 3, "", 0) + '\0');
+  Event(&source_class, 0, 4, "event=x;");
+  PushRecord(Tree_inband, Record(&source_class, 0, 3, "", 0));  // head only
   Event(&source_class, 0, 3, "event=motion;");
   Event(&source_class, 0, 3, "event=alarm;");
   Drain();
+  EXPECT_TRUE(log_.Has("Tree_inband: 4: abcd"));
+  EXPECT_TRUE(log_.Has("Tree_inband: 0: "));
+  EXPECT_TRUE(log_.Has("Tree_inband: 9: event=x;"));
   {
     std::lock_guard hold(sinks.mutex);
     EXPECT_EQ(sinks.events,
@@ -143,23 +136,6 @@ TEST_F(Inband, TextReachesDevicesAndIsSentToPeersAndTheWan) {
   scripted_call call = Recorded(SCRIPTED_NET_WRITE, 0);
   EXPECT_EQ(call.header.nPacketType, QVTP_INBAND);
   EXPECT_EQ(call.header.nPipe, 2000u);
-}
-
-// Outside input never reaches the walk's NUL assertion.
-TEST_F(Inband, UnterminatedEmptyOrUnknownTextIsRefused) {
-  TreeRoot* root = Root(&source_class, 3, 0, "cam");
-  Hang(root, &sink_class, 50);
-  forest_link(root);
-  PushRecord(Tree_inband, Record(&source_class, 0, 3, "abcd", 4));
-  PushRecord(Tree_inband, Record(&source_class, 0, 3, "", 0) + '\0');
-  Event(&source_class, 0, 4, "event=x;");
-  PushRecord(Tree_inband, Record(&source_class, 0, 3, "", 0));  // head only
-  Drain();
-  EXPECT_TRUE(log_.Has("Tree_inband: 4: abcd"));
-  EXPECT_TRUE(log_.Has("Tree_inband: 0: "));
-  EXPECT_TRUE(log_.Has("Tree_inband: 9: event=x;"));
-  std::lock_guard hold(sinks.mutex);
-  EXPECT_TRUE(sinks.events.empty());
 }
 
 }  // namespace

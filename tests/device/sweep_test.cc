@@ -9,10 +9,6 @@ using namespace forest_test;
 
 class Sweep : public ForestTest {};
 
-std::string SessionDelete(const std::string& sid, const std::string& coz) {
-  return "sidN=" + sid + ";MainCmd=SessionDelete;coz=" + coz + ";";
-}
-
 TEST_F(Sweep, RefTreeFreesAZeroCountRootEvenWhenItsKeyMatches) {
   TreeRoot* dead = Root(get_lan_cdef(), 1030, 5);  // no branch, no holder
   TreeRoot* live = Root(get_lan_cdef(), 1031, 5);
@@ -29,37 +25,34 @@ TEST_F(Sweep, RefTreeFreesAZeroCountRootEvenWhenItsKeyMatches) {
   root_unref(live);
 }
 
-TEST_F(Sweep, FinishedThreadsSessionsEndAndItIsJoinedByTheNextSearch) {
+// A finished root is never handed out: its sessions end, and the search
+// that passes it joins its thread and frees it, or keeps it while held.
+TEST_F(Sweep, FinishedThreadIsJoinedItsSessionsEndAndOnlyAHeldRootStays) {
+  TreeRoot* held = Root(get_lan_cdef(), 1031, 5);
+  Row(Hang(held, &camera, 12), "h1", 8);
+  root_ref(held);  // a holder
   TreeRoot* root = Root(get_lan_cdef(), 1030, 5);
   Row(Hang(root, &camera, 11), "f1", 7);
-  StartReader(root, true);
-  forest_link(root);
-  ASSERT_TRUE(WaitFor([&] { return root->use_thread.load() == -111; }));
+  for (TreeRoot* r : {held, root}) {
+    StartReader(r, true);
+    forest_link(r);
+    ASSERT_TRUE(WaitFor([r] { return r->use_thread.load() == -111; }));
+  }
   TreeRoot* found = root;
-  // Its own key: a finished root is never handed out.
   OnConsumer([&] { found = forest_ref_tree(get_lan_cdef(), 5, 1030); });
   EXPECT_EQ(found, nullptr);
   EXPECT_EQ(LanTexts(7), std::vector<std::string>{
                              SessionDelete("f1", "Thread_Terminated")});
   EXPECT_TRUE(log_.Has("thread-join-return: }root->thread."));
-  EXPECT_EQ(forest_.head.next, nullptr);  // joined and freed
-  EXPECT_EQ(Closes(), std::vector<int32_t>{11});
-}
-
-TEST_F(Sweep, HeldFinishedRootIsJoinedKeptAndThenFound) {
-  TreeRoot* root = Root(get_lan_cdef(), 1030, 5);
-  Row(Hang(root, &camera, 11), "h1", 7);
-  root_ref(root);  // a holder
-  StartReader(root, true);
-  forest_link(root);
-  ASSERT_TRUE(WaitFor([&] { return root->use_thread.load() == -111; }));
-  TreeRoot* found = nullptr;
-  OnConsumer([&] { found = forest_ref_tree(get_lan_cdef(), 5, 1030); });
-  EXPECT_EQ(found, root);
-  EXPECT_EQ(root->use_thread.load(), 0);
-  EXPECT_EQ(root_use_count(root), 2);
-  root_unref(root);
-  root_unref(root);
+  EXPECT_EQ(forest_.head.next, held);  // the other joined and freed
+  EXPECT_EQ(held->next, nullptr);
+  EXPECT_EQ(Closes().front(), 11);
+  OnConsumer([&] { found = forest_ref_tree(get_lan_cdef(), 5, 1031); });
+  EXPECT_EQ(found, held);
+  EXPECT_EQ(held->use_thread.load(), 0);
+  EXPECT_EQ(root_use_count(held), 2);
+  root_unref(held);
+  root_unref(held);
 }
 
 TEST_F(Sweep, StopWithLiveSessionsTellsEveryOwnerAndLeavesNothing) {

@@ -19,10 +19,6 @@ struct PipeTree {
   }
 };
 
-std::string SessionDelete(const std::string& sid, const std::string& coz) {
-  return "sidN=" + sid + ";MainCmd=SessionDelete;coz=" + coz + ";";
-}
-
 TEST_F(Teardown, SharedLeafEndsSilentlyUntilItsLastSessionTellsTheOwner) {
   PipeTree t;
   TreeNode* leaf = t.Peer(7);

@@ -200,6 +200,20 @@ inline std::string Key(const std::string& text, const char* key) {
   return out;
 }
 
+// Peer `peer` asks for cam.1 through a net hop under AS code 200; returns
+// the pipe that the SessionCreate it is sent names.
+inline uint32_t RequestFrom(uint16_t peer, const std::string& sid) {
+  FromPeer(peer, 200,
+           "MainCmd=QV_RES_REQ;sidN=" + sid +
+               ";AsCode=200;user=R;ftN0=cam.1;ftN1=net.;ftN2=sink.1;");
+  std::string create;
+  EXPECT_TRUE(WaitFor([&] {
+    create = Find(LanTexts(peer), "sidN=" + sid + ";");
+    return create.find("SessionCreate") != std::string::npos;
+  }));
+  return static_cast<uint32_t>(std::stoul(Key(create, "FD0")));
+}
+
 // The library running with both links up and the four drivers registered.
 // The stop must leave the forest swept, the queue empty, and every device
 // that was opened closed.

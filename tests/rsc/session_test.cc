@@ -35,20 +35,6 @@ int32_t AscOf(uint16_t peer, const std::string& needle) {
   return -1;
 }
 
-// Peer `peer` asks for cam.1 through a net hop under AS code 200; returns
-// the pipe that the SessionCreate it is sent names.
-uint32_t RequestFrom(uint16_t peer, const std::string& sid) {
-  FromPeer(peer, 200,
-           "MainCmd=QV_RES_REQ;sidN=" + sid +
-               ";AsCode=200;user=R;ftN0=cam.1;ftN1=net.;ftN2=sink.1;");
-  std::string create;
-  EXPECT_TRUE(WaitFor([&] {
-    create = Find(LanTexts(peer), "sidN=" + sid + ";");
-    return create.find("SessionCreate") != std::string::npos;
-  }));
-  return static_cast<uint32_t>(std::stoul(Key(create, "FD0")));
-}
-
 // What the host hears under the AS code of its dials.
 std::mutex host_mutex;
 std::vector<std::string> host_texts;

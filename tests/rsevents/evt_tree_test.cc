@@ -72,7 +72,7 @@ TEST(EventSubscribe, DuplicateReturnsSameSlotAndKeepsOneSubscriber) {
   EXPECT_EQ(slot->subs[3].match, &RejectAll);
 }
 
-TEST(EventSubscribe, PathFilesSubscriptionAtItsNodeReusingNodesNameInList) {
+TEST(EventSubscribe, PathFilesSubscriptionAtItsNodeDotsAtRootEmptyInList) {
   RsSubscribeEvent(0, 100, "a.b.c", "x", nullptr, nullptr);
   const EventNode* c = At("a.b.c");
   EventSlot* slot = RsSubscribeEvent(0, 100, "a..b.", "x", nullptr, nullptr);
@@ -91,25 +91,21 @@ TEST(EventSubscribe, PathFilesSubscriptionAtItsNodeReusingNodesNameInList) {
   ASSERT_EQ(n_evt_l_, 1u);
   EXPECT_STREQ(SlotName(*slot), "x");
   EXPECT_EQ(evt_l_[0].nsubs, 0u);
+  // Dots only land on the root; an empty or null path files in the list.
+  EventSlot* root_slot = RsSubscribeEvent(0, 100, "...", "x", nullptr, nullptr);
+  ASSERT_EQ(evt_root_.nevents, 1u);
+  EXPECT_EQ(root_slot, &evt_root_.events[0]);
+  EXPECT_EQ(evt_root_.nchildren, 1u);
+  EventSlot* list_slot = RsSubscribeEvent(0, 100, "", "x", nullptr, nullptr);
+  EXPECT_EQ(RsSubscribeEvent(0, 100, nullptr, "x", 0, 0), list_slot);
+  EXPECT_EQ(list_slot, &evt_l_[0]);
+  EXPECT_EQ(list_slot->nsubs, 1u);
+  EXPECT_EQ(root_slot->nsubs, 1u);
   // The root's name is not a piece, and a path's length is not limited.
   const std::string piece(130, 'k');
   RsSubscribeEvent(0, 100, ("Object." + piece + "." + piece).c_str(), "y",
                    nullptr, nullptr);
   EXPECT_NE(At("Object." + piece + "." + piece), nullptr);
-}
-
-TEST(EventSubscribe, DotsOnlyLandOnRootAndEmptyPathInGlobalList) {
-  EventSlot* root_slot = RsSubscribeEvent(0, 100, "...", "x", nullptr, nullptr);
-  ASSERT_EQ(evt_root_.nevents, 1u);
-  EXPECT_EQ(root_slot, &evt_root_.events[0]);
-  EXPECT_EQ(evt_root_.nchildren, 0u);
-  EventSlot* list_slot = RsSubscribeEvent(0, 100, "", "x", nullptr, nullptr);
-  EXPECT_EQ(RsSubscribeEvent(0, 100, nullptr, "x", nullptr, nullptr),
-            list_slot);
-  ASSERT_EQ(n_evt_l_, 1u);
-  EXPECT_EQ(list_slot, &evt_l_[0]);
-  EXPECT_EQ(list_slot->nsubs, 1u);
-  EXPECT_EQ(root_slot->nsubs, 1u);
 }
 
 TEST(EventSubscribe, NinthSubscriberGrowsArrayAndKeepsEarlierOnes) {

@@ -102,14 +102,13 @@ TEST(Log, LineCarriesTimeLevelThreadPlaceNoExtraLineEndAndLongTextWhole) {
   EXPECT_EQ(cap.lines[1].substr(cap.lines[1].size() - tail.size()), tail);
 }
 
-TEST(Log, ConcurrentLinesReachSinkOneAtATime) {
-  Capture cap;
-  LogFromThreads();
-  EXPECT_FALSE(cap.overlapped);
-  ExpectWholeLines(cap.lines);
-}
-
-TEST(Log, ConcurrentLinesReachStandardErrorWhole) {
+TEST(Log, ConcurrentLinesReachSinkOneAtATimeAndStandardErrorWhole) {
+  {
+    Capture cap;
+    LogFromThreads();
+    EXPECT_FALSE(cap.overlapped);
+    ExpectWholeLines(cap.lines);
+  }
   std::FILE* file = std::tmpfile();
   ASSERT_NE(file, nullptr);
   const int saved = dup(STDERR_FILENO);

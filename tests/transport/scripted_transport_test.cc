@@ -99,8 +99,8 @@ TEST(ScriptedRecording, FiltersByFunctionInCallOrder) {
   EXPECT_EQ(Recorded(SCRIPTED_INIT_LAN, 0).words[1], -2);
 }
 
-TEST(ScriptedResults, FailedNetWritesRunOutThenSizeReturns) {
-  const PacketHeader h = header(5, QVTP_RTP);
+TEST(ScriptedResults, RunOutInOrderPeerScriptComesFirstAddLanEpCounts) {
+  PacketHeader h = header(5, QVTP_RTP);
   ASSERT_EQ(scripted_push_result(SCRIPTED_NET_WRITE, -1, 2), 0);
   ASSERT_EQ(scripted_push_result(SCRIPTED_NET_WRITE, SCRIPTED_DEFAULT, 1), 0);
   ASSERT_EQ(scripted_push_result(SCRIPTED_NET_WRITE, -9, SCRIPTED_ALWAYS), 0);
@@ -113,10 +113,9 @@ TEST(ScriptedResults, FailedNetWritesRunOutThenSizeReturns) {
   EXPECT_EQ(NetWrite(nullptr, "abcd", 4), -1) << "a null header is refused";
   EXPECT_EQ(scripted_push_result(SCRIPTED_ANY, -1, 1), -1);
   EXPECT_EQ(scripted_push_result(SCRIPTED_NET_WRITE, -1, 0), -1);
-}
 
-TEST(ScriptedResults, PeerScriptComesFirstAndAddLanEpCountsUnlessScripted) {
-  const PacketHeader h = header(1024, QVTP_RTP);
+  // A peer's script comes first; AddLANEP counts unless scripted.
+  h.nPipe = 1024;
   scripted_push_peer_result(7, -3, SCRIPTED_ALWAYS);
   scripted_push_result(SCRIPTED_LAN_NET_WRITE, -2, 1);
   EXPECT_EQ(LANNetWrite(7, &h, "x", 1), -3);
