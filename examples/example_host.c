@@ -19,9 +19,9 @@
  * the sink to be closed, stops the library and prints a final report.
  *
  * Usage: example_host [seconds] [chunks-per-second] [chunk-bytes] [log-level]
- *        defaults:     3         50                  1024          0
- * The log level goes to LOG_SetLevel: 0 errors, 1 read threads (a line per
- * chunk for a chain without a network hop), 2 start and stop, 3 tracing.
+ *        defaults:     3         50                  1024          1
+ * The log level goes to LOG_SetLevel: 0 errors, 1 read threads' start and
+ * end, 2 start and stop, 3 tracing.
  * Exit status 0 when at least one chunk arrived, all in order, and the sink
  * was closed after the hang-up; 1 otherwise.
  */
@@ -53,7 +53,7 @@
 #define DEFAULT_SECONDS 3
 #define DEFAULT_RATE 50    /* chunks per second */
 #define DEFAULT_CHUNK 1024 /* bytes per chunk */
-#define DEFAULT_LOG_LEVEL 0
+#define DEFAULT_LOG_LEVEL 1
 #define DEFAULT_SINK_PATH "/tmp/arbor-demo-sink.bin"
 
 /* The engine reads at most this many bytes at once (its read buffer). */
