@@ -73,6 +73,14 @@ TEST(Bemerge, FormatOverridesBaseKeepsOtherKeysAndRefusesWhatDoesNotFit) {
   EXPECT_EQ(bemerge(buffer, 17, "level=55555;", "a=%d;", 1), 16);
 }
 
+TEST(NetworkClasses, OnlyTheWanAndLanClassesAreNetworkDevices) {
+  cdef local{};
+  EXPECT_NE(is_network_dev(get_wan_cdef()), 0);
+  EXPECT_NE(is_network_dev(get_lan_cdef()), 0);
+  EXPECT_EQ(is_network_dev(get_null_cdef()), 0);
+  EXPECT_EQ(is_network_dev(&local), 0);
+}
+
 TEST(WanWrite, GivesMediaTypeOnlyWhenFlagsHaveNone) {
   sys_.wan_state = 9;
   EXPECT_EQ(wan_write(1030, "\x01\x02\x03\x04", 4, 0x103), 4);

@@ -97,6 +97,9 @@ TEST_F(CommandQueue, PayloadIsCopiedAtOnceAndCountedUntilItsCommandRan) {
   forest_test::Drain();
   EXPECT_EQ(arrival.payload, nullptr);
   EXPECT_EQ(arrival.size, 0u);
+  // The count is a running total that anyone may move.
+  EXPECT_EQ(cached_size_inc(10), 10u);
+  EXPECT_EQ(cached_size_dec(10), 0u);
 }
 
 TEST_F(CommandQueue, FailedAllocationRefusesThePushAndQueuesNothingHalf) {

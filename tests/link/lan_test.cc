@@ -180,5 +180,13 @@ TEST_F(Announce, ClassesWithoutUsableTypeSendNothingListsGiveOneEachName) {
   EXPECT_TRUE(log_.HasAt(0, "Type of 128 characters or more refused"));
 }
 
+TEST(MacAddress, LoopbackHasTheZeroAddressAndAnUnknownInterfaceNone) {
+  const char* text = get_mac_address("lo");
+  ASSERT_NE(text, nullptr);
+  EXPECT_STREQ(text, "0:0:0:0:0:0");
+  EXPECT_EQ(get_mac_address("no-such-if0"), nullptr);
+  EXPECT_EQ(get_mac_address(nullptr), nullptr);
+}
+
 }  // namespace
 }  // namespace link_test

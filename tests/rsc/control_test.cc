@@ -236,6 +236,7 @@ TEST_F(Control, SessionStartNeedsItsDescriptorAndHopButPipeReadyDoesNot) {
 }
 
 TEST_F(Control, ResourceRequestsAreBuiltOnlyWhereTheChainAllows) {
+  EXPECT_EQ(is_read_access_allow(5, 200), 1);  // no rule: every peer may
   FromService("MainCmd=QV_RES_REQ;sidN=w1;AsCode=200;ftN0=sink.1;");
   FromPeer(5, 200, "MainCmd=QV_RES_REQ;sidN=f1;ftN0=net.;ftN1=sink.1;");
   FromPeer(5, 200, "MainCmd=QV_RES_REQ;sidN=l1;ftN0=cam.1;ftN1=net.;");

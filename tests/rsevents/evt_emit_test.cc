@@ -88,6 +88,18 @@ TEST(EventEmit, FilterAndRefusals) {
   EXPECT_EQ(locks, 1);
 }
 
+TEST(EventEmit, TimedHandlerEmitsItsThreeStringsEvenWhenFlushed) {
+  evt_init(nullptr, nullptr, evt_deliver);
+  SysRegistASLan(100, nullptr, reinterpret_cast<AsHandler>(Local));
+  RsSubscribeEvent(0, 100, "cam", "x", nullptr, nullptr);
+  char path[] = "cam", event[] = "x", body[] = "ev=1;";
+  char* argv[] = {path, event, body};
+  event_emit(0, 0, 2, argv);  // too few strings
+  EXPECT_EQ(local_size, 0u);
+  event_emit(5, 0, 3, argv);
+  EXPECT_EQ(local_size, 6u);
+}
+
 TEST(EventEmit, DefaultSenderServesCtxTargetOverLanAndUidZeroLocally) {
   evt_init(nullptr, nullptr, evt_deliver);
   sys_.lan_state = 0;
