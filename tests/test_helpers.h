@@ -76,4 +76,23 @@ inline std::string Payload(const scripted_call& call) {
   return std::string(reinterpret_cast<const char*>(call.data), call.size);
 }
 
+// Every control text the scripted transport carried to the service, in
+// order.
+inline std::vector<std::string> WanTexts() {
+  std::vector<std::string> texts;
+  scripted_call call;
+  for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i)
+    if (call.text != nullptr) texts.emplace_back(call.text, call.text_size);
+  return texts;
+}
+
+// The value of key in a dictionary text, or "<none>".
+inline std::string Key(const std::string& text, const char* key) {
+  Dict dict = DictCreate(text.c_str(), static_cast<int32_t>(text.size()));
+  const char* value = dict != nullptr ? DictGetStr(dict, key) : nullptr;
+  std::string out = value != nullptr ? value : "<none>";
+  DictDestroy(dict);
+  return out;
+}
+
 #endif  // ARBOR_TESTS_TEST_HELPERS_H

@@ -109,15 +109,6 @@ inline void PushRequest(CommandHandler fn, Request& r, uint32_t size = 0) {
   cmdq_push("test", fn, 0, r.bytes.data(), size != 0 ? size : r.size());
 }
 
-// The value of key in a dictionary text, or "<none>".
-inline std::string Key(const std::string& text, const char* key) {
-  Dict dict = DictCreate(text.c_str(), static_cast<int32_t>(text.size()));
-  const char* value = dict != nullptr ? DictGetStr(dict, key) : nullptr;
-  std::string out = value != nullptr ? value : "<none>";
-  DictDestroy(dict);
-  return out;
-}
-
 // tree_new_branch on the consumer, as the commands call it.
 inline TreeNode* Branch(uint32_t uid, std::vector<MNodeInfo> hops,
                         int32_t exclusive = 0) {

@@ -179,14 +179,6 @@ inline std::vector<std::string> LanTexts(int peer = -1) {
   }
   return texts;
 }
-inline std::vector<std::string> WanTexts() {
-  std::vector<std::string> texts;
-  scripted_call call;
-  for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i)
-    if (call.text != nullptr) texts.emplace_back(call.text, call.text_size);
-  return texts;
-}
-
 inline std::string SessionDelete(const std::string& sid,
                                  const std::string& coz) {
   return "sidN=" + sid + ";MainCmd=SessionDelete;coz=" + coz + ";";

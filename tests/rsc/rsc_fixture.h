@@ -166,13 +166,6 @@ inline std::vector<std::string> LanTexts(uint16_t peer) {
   }
   return texts;
 }
-inline std::vector<std::string> WanTexts() {
-  std::vector<std::string> texts;
-  scripted_call call;
-  for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i)
-    if (call.text != nullptr) texts.emplace_back(call.text, call.text_size);
-  return texts;
-}
 // The first text to `texts` that holds needle, or "".
 inline std::string Find(const std::vector<std::string>& texts,
                         const std::string& needle) {
@@ -189,15 +182,6 @@ inline size_t LanFrames(uint16_t peer, uint16_t type) {
     n += call.peer == peer && call.header.nPacketType == type;
   }
   return n;
-}
-
-// The value of key in a dictionary text, or "<none>".
-inline std::string Key(const std::string& text, const char* key) {
-  Dict dict = DictCreate(text.c_str(), static_cast<int32_t>(text.size()));
-  const char* value = dict != nullptr ? DictGetStr(dict, key) : nullptr;
-  std::string out = value != nullptr ? value : "<none>";
-  DictDestroy(dict);
-  return out;
 }
 
 // Peer `peer` asks for cam.1 through a net hop under AS code 200; returns
