@@ -25,6 +25,13 @@
  *  5. Bad input from a peer, the service or a driver is dropped (silently,
  *     or with a log line where that helps whoever runs the device); it is
  *     never fatal.
+ *  6. A session served here for this host (a dial without id) reports to
+ *     the local table under the dial's AS code: a handler the host enters
+ *     with SysRegistASLan(asc, ...) hears "SessionStart", and at the end
+ *     "SessionDelete" or "RUN_FAIL" with the reason in coz, on the consumer
+ *     or the timed queue's worker, never under a lock of the forest. It may
+ *     dial and hang up from there, and should return 0 so that the
+ *     library's own handlers see the text too.
  */
 #ifndef ARBOR_RSC_H
 #define ARBOR_RSC_H

@@ -32,6 +32,12 @@ constexpr int kMainCmdEvent = 17;
 
 char mac_text[24];
 
+// Names are pasted into dictionary text unescaped: one holding ';', '=' or
+// '\' would add or change keys of the message.
+bool pastable(const char* name) {
+  return std::strpbrk(name, ";=\\") == nullptr;
+}
+
 void send_to_service(const char* text, int length) {
   sendasc(0, kAsControl, text, static_cast<uint32_t>(length), 0);
 }
@@ -47,11 +53,13 @@ void announce_class(const char* info, const char* list) {
   if (dict == nullptr) return;
   const char* type_value = DictGetStr(dict, "Type");
   char type[128];
-  const bool type_fits =
-      type_value != nullptr && std::strlen(type_value) < sizeof type;
+  const bool type_fits = type_value != nullptr &&
+                         std::strlen(type_value) < sizeof type &&
+                         pastable(type_value);
   if (type_fits) std::strcpy(type, type_value);
   if (type_value != nullptr && !type_fits)
-    ARBOR_LOG(0, "Type of 128 characters or more refused: %.40s...", type_value);
+    ARBOR_LOG(0, "Type of 128 characters or more, or with ';', '=' or '\\', "
+              "refused: %.40s...", type_value);
   DictDestroy(dict);
   if (!type_fits) return;
   ARBOR_LOG(3, "GetObjectInfo: %s.", info);
@@ -75,13 +83,18 @@ void announce_class(const char* info, const char* list) {
   // names no resource, and is dropped with a line.
   if (count == kMaxResources && std::strchr(names[count - 1], ',') != nullptr) {
     --count;
-    ARBOR_LOG(1, "%s: only the first %d resources announced", type, count);
+    ARBOR_LOG(0, "%s: only the first %d resources announced", type, count);
   }
   for (int i = 0; i < count; ++i) {
     const int n = std::snprintf(
         text, sizeof text,
         "MainCmd=%d;event=eventResOnline;subResource=%s;resouce=%s;",
         kMainCmdEvent, type, names[i]);
+    if (!pastable(names[i])) {
+      ARBOR_LOG(0, "resource '%.40s' of %s refused: ';', '=' or '\\' in it",
+                names[i], type);
+      continue;
+    }
     if (n < 0 || n >= kMessageBuffer) {
       ARBOR_LOG(0, "resource '%.40s...' of %s refused: message over %d bytes",
                 names[i], type, kMessageBuffer - 1);

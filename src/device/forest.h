@@ -227,10 +227,16 @@ TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out);
 // Sends a session message to the owner (uid, ascode) of a row. A session
 // that this peer's own host dialled (uid 0, an AS code other than the
 // service's 100) has its owner here: the text goes to the local table under
-// ascode, where the host's handler and the session commands hear it, rather
-// than to the service. Every other owner is sent the text by sendasc.
+// ascode (forest_dispatch_local), where the host's handler and the session
+// commands hear it, rather than to the service. Every other owner is sent
+// the text by sendasc.
 void forest_tell_owner(uint32_t uid, int32_t ascode, const char* text,
                        uint32_t size);
+
+// Offers text to the local table under ascode, as from this peer, on the
+// timed queue's worker (at once when there is no queue): never under the
+// caller's locks.
+void forest_dispatch_local(int32_t ascode, const char* text, uint32_t size);
 
 // Tells the owner "SessionDelete" with reason (null: empty "coz").
 void usync_closing(uint32_t uid, int32_t ascode, const char* sid,

@@ -15,8 +15,8 @@
 // through its lock, which every removal holds for writing. Lock order as in
 // device/forest.h: forest mutex, root's lock, use-count mutex. Messages are
 // sent under the root's lock (and under the forest mutex in the loops over
-// the forest), so a local service handler that a message reaches must not
-// call back into the forest's locks; it pushes a command instead.
+// the forest); what goes to the local table is posted to the timed queue
+// (forest_dispatch_local), so no handler runs under those locks.
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +27,7 @@
 #include "arbor/device_class.h"
 #include "arbor/rsevents.h"
 #include "arbor/send.h"
+#include "arbor/strutils.h"
 #include "arbor/support.h"
 #include "arbor/sys.h"
 #include "arbor/timedq.h"
@@ -174,10 +175,41 @@ TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out) {
   return cleanup_row(root, root_pop_leaf_at(root, index), sid, out);
 }
 
+namespace {
+
+// Runs one deferred local dispatch on the timed queue's worker; also when
+// flushed at SysExit, while the tables are still in place.
+void dispatch_local_job(int32_t, uintptr_t ascode, int32_t argc,
+                        char** argv) {
+  if (argc < 1 || argv[0] == nullptr) return;
+  asdispatch(get_lan_cdef(), 0, static_cast<int32_t>(ascode), argv[0],
+             static_cast<uint32_t>(std::strlen(argv[0])));
+}
+
+}  // namespace
+
+// The local table's handlers include the host's own, which may call back
+// into the forest (is_free_time, a dial, a hang-up); the callers here hold
+// a root's lock and sometimes the forest mutex. So the dispatch is posted
+// to the timed queue, which keeps the order of the posts, and runs with no
+// forest lock held. Without a queue (before SysInit, or from SysExit on,
+// when the tables are empty) it runs at once.
+void forest_dispatch_local(int32_t ascode, const char* text, uint32_t size) {
+  char* copy = string_make(text, text + size);
+  const char* argv[1] = {copy};
+  const bool posted =
+      copy != nullptr &&
+      sys_post_timed(0, dispatch_local_job,
+                     static_cast<uintptr_t>(static_cast<uint32_t>(ascode)), 1,
+                     argv) != nullptr;
+  std::free(copy);
+  if (!posted) asdispatch(get_lan_cdef(), 0, ascode, text, size);
+}
+
 void forest_tell_owner(uint32_t uid, int32_t ascode, const char* text,
                        uint32_t size) {
   if (uid == 0 && ascode != kAsSession) {
-    asdispatch(get_lan_cdef(), 0, ascode, text, size);
+    forest_dispatch_local(ascode, text, size);
   } else {
     sendasc(uid, ascode, text, size, ARBOR_SEND_CONTROL);
   }
@@ -213,9 +245,7 @@ void raise_link_fail(uint32_t uid, int32_t ascode, const char* sid,
   }
   ARBOR_LOG(0, "Tree_%s: %s", "raise_link_fail", text);
   forest_tell_owner(uid, ascode, text, static_cast<uint32_t>(n));
-  if (uid != 0) {
-    asdispatch(get_lan_cdef(), 0, ascode, text, static_cast<uint32_t>(n));
-  }
+  if (uid != 0) forest_dispatch_local(ascode, text, static_cast<uint32_t>(n));
 }
 
 // Always empties the index: a row that the search by its (copied) sid

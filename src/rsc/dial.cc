@@ -48,6 +48,9 @@ ARBOR_EXPORT int32_t ExecDial(int32_t asc, const char* sid, const char* text) {
   ARBOR_LOG(3, "%s: sid=%s: %s", "ExecDial", sid != nullptr ? sid : "(null)",
             text != nullptr ? text : "(null)");
   if (sid == nullptr || text == nullptr) return -1;
+  // A longer sid would be cut in the request, and the host could never hang
+  // up the session it started.
+  if (strnlen(sid, TREE_SID_SIZE) >= TREE_SID_SIZE) return -1;
   const size_t text_length = std::strlen(text);
   if (text_length > static_cast<size_t>(INT32_MAX)) return -1;
   Dict dict = DictCreate(text, static_cast<int32_t>(text_length));

@@ -86,7 +86,7 @@ void lan_inband(uint32_t qvid, uint32_t pipe, const void* data, uint32_t size) {
   const int32_t length = DictEncode(frame.text, kLanInbandRoom, dict);
   DictDestroy(dict);
   if (length <= 0 || length >= kLanInbandRoom) {
-    ARBOR_LOG(1, "%s(qvid=%u, pipe=%u): in-band text over %d bytes dropped",
+    ARBOR_LOG(0, "%s(qvid=%u, pipe=%u): in-band text over %d bytes dropped",
               "rsc_lan_data_incoming", qvid, pipe, kLanInbandRoom - 1);
     return;
   }

@@ -75,7 +75,7 @@ void on_resource_request(cdef* cls, uint32_t from, int32_t asc,
   // the service would build a chain for a sender that has no peer node. It
   // is refused before anything is built.
   if (cls == get_wan_cdef()) {
-    ARBOR_LOG(1, "QV_RES_REQ from the WAN refused: sid=%s", sid);
+    ARBOR_LOG(0, "QV_RES_REQ from the WAN refused: sid=%s", sid);
     return;
   }
   if (!is_read_access_allow(from, asc)) return;
@@ -146,8 +146,9 @@ bool rsc_push_request(const char* name, CommandHandler handler,
   for (uint32_t i = 0; i < dx.length; ++i) {
     MNodeInfo& hop = dx.nodes[i];
     hop.name = hop.name != nullptr ? stringdup(hop.name) : nullptr;
-    hop.option = hop.option != nullptr ? stringdup(hop.option) : nullptr;
-    copied = copied && hop.name != nullptr;
+    const bool has_option = hop.option != nullptr;
+    hop.option = has_option ? stringdup(hop.option) : nullptr;
+    copied = copied && hop.name != nullptr && (hop.option != nullptr) == has_option;
   }
   if (copied && cmdq_push(name, handler, 0, request,
                           rsc_request_size(dx.length)) != nullptr) {
@@ -175,7 +176,9 @@ bool exec_request(const cdef* cls, RscRequest* request) {
   if (hop->device != get_lan_cdef()) return true;
   if (hop == dx.nodes || hop == dx.nodes + dx.length - 1) {
     // The network hop has to stand between a source part and a far part.
-    ARBOR_LOG(0, "%s: sid=%s", "exec_request", dx.sid);
+    ARBOR_LOG(0, "%s", "exec_request");
+    ARBOR_LOG(3, "%s: sid=%s: the network hop is hop %u of %u", "exec_request",
+              dx.sid, static_cast<uint32_t>(hop - dx.nodes), dx.length);
     return false;
   }
   rsc_push_request("Tree_new_request", Tree_new_request, request);
@@ -256,7 +259,7 @@ ARBOR_EXPORT int32_t RSCDoEvent(const char* ftN, int32_t fd, const char* data,
   // DictEncode gives 0 for a text that does not fit; one that fills the
   // buffer exactly has no room for its NUL and is refused alike.
   if (length <= 0 || length >= kDoEventBuffer) {
-    ARBOR_LOG(1, "device command for '%s' refused: empty or over %d bytes",
+    ARBOR_LOG(0, "device command for '%s' refused: empty or over %d bytes",
               ftN, kDoEventBuffer - 1);
     return 0;
   }

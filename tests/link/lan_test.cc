@@ -159,7 +159,7 @@ cdef classes[] = {
     Class([] { return ""; }, [] { return "n.2"; }),
     Class([] { return "Type=e;"; }, [] { return ""; }),
     Class([] { return "Type=n;"; }, []() -> const char* { return nullptr; }),
-    Class([] { return "Type=c;"; }, [] { return "c.1,"; }),
+    Class([] { return "Type=c;"; }, [] { return "c.1,c=;x,"; }),
     Class([] { return info128.c_str(); }, [] { return "T.1"; }),
     Class([] { return info127.c_str(); }, [] { return "t.1"; }),
 };
@@ -176,8 +176,10 @@ TEST_F(Announce, ClassesWithoutUsableTypeSendNothingListsGiveOneEachName) {
   const std::string t = type127;
   EXPECT_EQ(sent, (std::vector<std::string>{"e|-", "e|", "n|-", "c|-", "c|c.1",
                                             "c|", t + "|-", t + "|t.1"}));
-  // A Type of 128 characters is refused, not cut.
-  EXPECT_TRUE(log_.HasAt(0, "Type of 128 characters or more refused"));
+  // A Type of 128 characters is refused, not cut; a name that would add
+  // keys to the message is refused.
+  EXPECT_TRUE(log_.HasAt(0, "Type of 128 characters or more"));
+  EXPECT_TRUE(log_.HasAt(0, "resource 'c=;x' of c refused"));
 }
 
 TEST(MacAddress, LoopbackHasTheZeroAddressAndAnUnknownInterfaceNone) {

@@ -246,9 +246,10 @@ TEST_F(Control, ResourceRequestsAreBuiltOnlyWhereTheChainAllows) {
   Drain();
   EXPECT_EQ(Opens(), 0u);
   EXPECT_TRUE(LanTexts(5).empty());
-  EXPECT_TRUE(log_.HasAt(0, "exec_request: sid=f1"));
-  EXPECT_TRUE(log_.HasAt(0, "exec_request: sid=l1"));
-  EXPECT_FALSE(log_.HasAt(0, "exec_request: sid=u1"));
+  EXPECT_TRUE(log_.HasAt(0, "exec_request"));
+  EXPECT_TRUE(log_.HasAt(3, "exec_request: sid=f1"));
+  EXPECT_TRUE(log_.HasAt(3, "exec_request: sid=l1"));
+  EXPECT_FALSE(log_.HasAt(3, "exec_request: sid=u1"));
 
   // Without a net hop the chain is built here whole (Tree_new_partial): its
   // one hop is opened, and as a new root needs a branch below it, the
@@ -285,6 +286,8 @@ TEST_F(Control, DialStopsAtTheFirstFailureAndKeepsEarlierSids) {
   EXPECT_TRUE(LanTexts(8).empty());
   EXPECT_TRUE(log_.HasAt(0, "exec_request"));
   EXPECT_EQ(RSCHangup(12345, nullptr), 12345);
+  // A sid the request could not hold is refused, not cut.
+  EXPECT_EQ(ExecDial(100, std::string(64, 's').c_str(), "ftN0=sink.1;"), -1);
 }
 
 TEST_F(Control, DialToAPeerSendsTheRequestWithItsOwnKeys) {

@@ -39,6 +39,9 @@ int32_t AscOf(uint16_t peer, const std::string& needle) {
 std::mutex host_mutex;
 std::vector<std::string> host_texts;
 int32_t HostHandler(uint32_t, uint32_t size, const char* data) {
+  // A host may look at the forest from here: the forest's locks are never
+  // held around this call.
+  is_free_time();
   std::lock_guard hold(host_mutex);
   host_texts.emplace_back(data, size);
   return 0;
@@ -70,6 +73,19 @@ TEST_F(Session, LocalDialStreamsAThreeHopChainAndHangsUpCleanly) {
   // The end is told to this host, under the dial's code, not to the service.
   EXPECT_EQ(Key(HostHeard("MainCmd=SessionDelete"), "sidN"), sids);
   EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
+}
+
+TEST_F(Session, ASourceDriverThatGoesEndsTheSessionAndTellsTheHost) {
+  SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(HostHandler));
+  char sids[RSC_SID_SLOT];
+  RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.1;", nullptr);
+  ASSERT_TRUE(WaitFor([] { return sink_writes.load() > 0; }));
+  // The whole root goes, under the forest mutex and the root's lock.
+  cmdq_push("Tree_cleanup_drv", Tree_cleanup_drv,
+            reinterpret_cast<uintptr_t>(&cam), nullptr, 0);
+  ASSERT_TRUE(WaitFor([] { return !HostHeard("SessionDelete").empty(); }));
+  EXPECT_EQ(Key(HostHeard("SessionDelete"), "coz"), "Cleanup_Drv/Wan");
+  EXPECT_EQ(Key(HostHeard("SessionDelete"), "sidN"), sids);
 }
 
 TEST_F(Session, ALocalChainThatCannotBeBuiltIsReportedToTheHost) {
