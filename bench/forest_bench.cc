@@ -8,8 +8,7 @@
 // The source copies each chunk into the thread's buffer as a real driver
 // would. The scripted transport copies and keeps every payload it records;
 // its records are dropped between iterations outside the timing. Logging is
-// at level 0, so the per-chunk level-1 line of a tree without network
-// writes costs only its level test.
+// at level 0.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 
