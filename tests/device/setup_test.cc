@@ -87,6 +87,11 @@ TEST_F(Setup, PartialLocalChainRunsAtOnceAndAnswersSessionStartToItsOwner) {
   ExpectKeys(texts[0], {{"MainCmd", "SessionStart"}, {"sidN", "p1"},
                         {"ftN0", "disp.1"}, {"FD0", "101"},
                         {"ftN1", "cam.1"}, {"FD1", "100"}});
+  // The local table hears it from the timed queue's worker.
+  ASSERT_TRUE(WaitFor([] {
+    std::lock_guard hold(local_mutex);
+    return !local_texts.empty();
+  }));
   {
     std::lock_guard hold(local_mutex);
     ASSERT_EQ(local_texts.size(), 1u);

@@ -71,6 +71,7 @@ TEST_F(Session, LocalDialStreamsAThreeHopChainAndHangsUpCleanly) {
   Drain();
   EXPECT_EQ(sink_writes.load(), after);
   // The end is told to this host, under the dial's code, not to the service.
+  ASSERT_TRUE(WaitFor([] { return !HostHeard("SessionDelete").empty(); }));
   EXPECT_EQ(Key(HostHeard("MainCmd=SessionDelete"), "sidN"), sids);
   EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
 }
