@@ -27,6 +27,7 @@
 #include "arbor/support.h"
 #include "asc/asc_internal.h"
 #include "init/assert.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -162,7 +163,7 @@ extern "C" ARBOR_EXPORT int32_t asdispatch(const cdef* cls, uint32_t from,
   if (size == 0) return 0;
   const bool lan = cls == get_lan_cdef();
   ARBOR_LOG(3, "%s: %s: fr=%u, asc=%d, %.*s", "asdispatch", lan ? "lan" : "wan",
-            from, code, static_cast<int>(std::min<uint32_t>(size, INT32_MAX)),
+            from, code, log_precision(size),
             data);
   if (cls == get_wan_cdef()) return asc_wan_dispatch(code, data, size);
   ARBOR_ASSERT(lan, "cdef == get_lan_cdef()");

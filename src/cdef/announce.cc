@@ -22,6 +22,7 @@
 #include "arbor/strutils.h"
 #include "arbor/support.h"
 #include "cdef/cdef_internal.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -49,7 +50,7 @@ void send_to_service(const char* text, int length) {
 // resource that does not exist.
 void announce_class(const char* info, const char* list) {
   if (info == nullptr || info[0] == '\0') return;
-  Dict dict = DictCreate(info, static_cast<int32_t>(strnlen(info, INT32_MAX)));
+  Dict dict = dict_of(info);
   if (dict == nullptr) return;
   const char* type_value = DictGetStr(dict, "Type");
   char type[128];

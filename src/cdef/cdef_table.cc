@@ -24,6 +24,7 @@
 #include "arbor/strutils.h"
 #include "arbor/support.h"
 #include "cdef/cdef_internal.h"
+#include "strutils/wire_text.h"
 
 static_assert(std::is_same_v<decltype(&local_device_callback), DeviceCallback>,
               "local_device_callback is a DeviceCallback");
@@ -236,11 +237,8 @@ ARBOR_EXPORT cdef* cdef_find_by_fullname(const char* fullname) {
 // class without DoEvent, or no memory for the terminated copy.
 ARBOR_EXPORT void cdef_res_control(uintptr_t /*arg*/, const void* text,
                                    uint32_t size) {
-  if (size > static_cast<uint32_t>(std::numeric_limits<int32_t>::max())) {
-    return;
-  }
   const char* command = static_cast<const char*>(text);
-  Dict dict = DictCreate(command, static_cast<int32_t>(size));
+  Dict dict = dict_of(command, size);
   if (dict == nullptr) return;
   const char* name = DictGetStr(dict, "ftN");
   cdef* cls = name != nullptr ? cdef_find_by_fullname(name) : nullptr;

@@ -21,6 +21,7 @@
 #include "arbor/rsevents.h"
 #include "arbor/support.h"
 #include "cdef/cdef_internal.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ void cdef_emit(const cdef* cls, const void* data, uint32_t size, const char* pat
   const char* base = static_cast<const char*>(data);
   if (std::memchr(base, '\0', size) == nullptr) {
     ARBOR_LOG(0, "DictCreate: %.*s",
-              static_cast<int>(std::min<uint32_t>(size, INT32_MAX)), base);
+              log_precision(size), base);
     return;
   }
   // event and subResource are pasted into dictionary text unescaped: a value
@@ -83,9 +84,7 @@ void local_device_callback(const cdef* cls, const char* var, const void* data,
   }
   ARBOR_LOG(3, "%s: %s, ...%u...", "local_device_callback", var, size);
   if (data == nullptr || size == 0) return;
-  const size_t var_len = std::strlen(var);
-  if (var_len > INT32_MAX) return;
-  Dict dict = DictCreate(var, static_cast<int32_t>(var_len));
+  Dict dict = dict_of(var);
   if (dict == nullptr) return;
   const int32_t main_cmd = DictGetInt(dict, "MainCmd");
   const char* path = DictGetStr(dict, "subResource");

@@ -13,6 +13,7 @@
 #include "arbor/rsevents.h"
 #include "arbor/send.h"
 #include "arbor/support.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -38,12 +39,7 @@ ARBOR_EXPORT int32_t bemerge(char* buffer, uint32_t size, const char* base,
   if (size > static_cast<uint32_t>(std::numeric_limits<int32_t>::max())) {
     size = static_cast<uint32_t>(std::numeric_limits<int32_t>::max());
   }
-  const size_t base_len = base != nullptr ? std::strlen(base) : 0;
-  Dict dict =
-      base != nullptr && base_len <= static_cast<size_t>(
-                                         std::numeric_limits<int32_t>::max())
-          ? DictCreate(base, static_cast<int32_t>(base_len))
-          : nullptr;
+  Dict dict = dict_of(base);
   if (dict == nullptr) {
     ARBOR_LOG(0, "DictCreate: %s", base != nullptr ? base : "(null)");
     return 0;
@@ -79,12 +75,7 @@ ARBOR_EXPORT int32_t bemerge(char* buffer, uint32_t size, const char* base,
 
 // cls is not used: an event carries its own place (subResource).
 ARBOR_EXPORT int32_t net_emit_event(const cdef* /*cls*/, const char* text) {
-  if (text == nullptr) return 0;
-  const size_t len = std::strlen(text);
-  if (len > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
-    return 0;
-  }
-  Dict dict = DictCreate(text, static_cast<int32_t>(len));
+  Dict dict = dict_of(text);
   if (dict == nullptr) return 0;
   const char* path = DictGetStr(dict, "subResource");
   const char* event = DictGetStr(dict, "event");

@@ -12,6 +12,7 @@
 #include "arbor/send.h"
 #include "arbor/support.h"
 #include "arbor/sys.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -67,8 +68,7 @@ ARBOR_EXPORT void DoActivationAccounts(const char* devid, const char* password,
 ARBOR_EXPORT void DoApplicationAccounts(const char* id, const char* password,
                                         const char* params) {
   if (id == nullptr || password == nullptr || params == nullptr) return;
-  Dict dict = DictCreate(params,
-                         static_cast<int32_t>(strnlen(params, INT32_MAX)));
+  Dict dict = dict_of(params);
   if (dict == nullptr) {
     ARBOR_LOG(0, "%s: params are not dictionary text", "DoApplicationAccounts");
     return;

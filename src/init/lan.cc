@@ -20,6 +20,7 @@
 #include "arbor/transport.h"
 #include "init/link.h"
 #include "init/sys_state.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ void on_lan_callback(uint32_t from, uint32_t pipe, uint32_t type,
   if (type != QVTP_RTP) {
     ARBOR_LOG(3, "%s(type=%u, from=%u, pipe=%u, size=%u: %.*s)",
               "on_lan_callback", type, from, pipe, size,
-              static_cast<int>(std::min<uint32_t>(size, INT32_MAX)),
+              log_precision(size),
               static_cast<const char*>(data));
   }
   if (pipe >= QV_FIRST_DATA_PIPE) {
@@ -86,8 +87,7 @@ ARBOR_EXPORT int32_t LanNetworking(int32_t on, intptr_t a, intptr_t b,
 // A text that cannot be encoded is not handed on: the length of a failed
 // encoding is no length, and the transport would read past the buffer.
 ARBOR_EXPORT int32_t LanPresent(const char* text, uint32_t size) {
-  if (size > static_cast<uint32_t>(INT32_MAX)) return -1;
-  Dict dict = DictCreate(text, static_cast<int32_t>(size));
+  Dict dict = dict_of(text, size);
   if (dict == nullptr) return -1;
   if (const char* password = DictGetStr(dict, "Psw")) {
     char digest[256] = {};

@@ -28,6 +28,7 @@
 #include "arbor/transport.h"
 #include "init/link.h"
 #include "init/sys_state.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -72,9 +73,7 @@ const char* or_empty(const char* text) { return text != nullptr ? text : ""; }
 // params is not dictionary text (or memory runs out).
 Dict sign_in_dict(const char* id, const char* password, const char* params,
                   const char* seq) {
-  const size_t params_length = std::strlen(params);
-  if (params_length > static_cast<size_t>(INT32_MAX)) return nullptr;
-  Dict dict = DictCreate(params, static_cast<int32_t>(params_length));
+  Dict dict = dict_of(params);
   if (dict == nullptr) return nullptr;
   DictSetStr(dict, "userType", version_field(sys_.userType).c_str());
   DictSetStr(dict, "verNum", version_field(sys_.verNum).c_str());
@@ -104,10 +103,9 @@ void post(uint32_t delay, TqHandler fn, uintptr_t arg,
 void login_result_job(int32_t elapsed, uintptr_t code, int32_t argc,
                       char** argv) {
   if (elapsed > 0 || argc < 1 || argv[0] == nullptr) return;
-  const size_t length = std::strlen(argv[0]);
-  if (length > static_cast<size_t>(INT32_MAX)) return;
-  Dict dict = DictCreate(argv[0], static_cast<int32_t>(length));
+  Dict dict = dict_of(argv[0]);
   if (dict == nullptr) return;
+  const size_t length = std::strlen(argv[0]);
   const auto seq = static_cast<uint32_t>(DictGetInt(dict, "SEQ"));
   if (DictGetStr(dict, "SEQ") != nullptr &&
       seq == sys_.login_seq.load(std::memory_order_relaxed)) {
@@ -163,10 +161,7 @@ void get_proxy_info(const char* host, int32_t port, const char* options,
   target->protocol = QV_PROTOCOL_DEFAULT;
   std::memcpy(target->host, host, std::strlen(host) + 1);
   target->port = static_cast<uint16_t>(port);
-  if (options == nullptr) return;
-  const size_t length = std::strlen(options);
-  if (length > static_cast<size_t>(INT32_MAX)) return;
-  Dict dict = DictCreate(options, static_cast<int32_t>(length));
+  Dict dict = dict_of(options);
   const char* protocol = DictGetStr(dict, "Protocol");
   if (protocol != nullptr && std::strcmp(protocol, "TCP") == 0)
     target->protocol = QV_PROTOCOL_TCP;
@@ -178,7 +173,7 @@ void get_proxy_info(const char* host, int32_t port, const char* options,
 void on_login_refused(const char* payload, uint32_t size) {
   ARBOR_LOG(0, "LOGIN: QV_SYS_REG_FAIL.");
   const auto length = static_cast<int32_t>(strnlen(payload, size));
-  Dict dict = DictCreate(payload, length);
+  Dict dict = dict_of(payload, static_cast<size_t>(length));
   const int32_t code = DictGetInt(dict, "errorcod");
   if (code == 1 || code == 2 || code == 8 || code == 9 || code == 10)
     sys_notify_host(code, payload, length);
@@ -191,13 +186,13 @@ void on_login_refused(const char* payload, uint32_t size) {
 // for a reply of an older attempt: the link is signed in all the same.
 void on_login_accepted(const char* payload, uint32_t size) {
   ARBOR_LOG(3, "LOGIN: QV_SYS_REG_OK.");
-  if (Dict dict = DictCreate(payload, static_cast<int32_t>(size))) {
+  if (Dict dict = dict_of(payload, size)) {
     for (uint32_t i = 0; i < kMaxServiceRows; ++i) {
       char key[16];
       std::snprintf(key, sizeof key, "ValueN%u", i);
       const char* value = DictGetStr(dict, key);
       if (value == nullptr) break;
-      Dict row = DictCreate(value, static_cast<int32_t>(std::strlen(value)));
+      Dict row = dict_of(value);
       if (row == nullptr) continue;
       const int32_t type = DictGetInt(row, "AsType");
       const int32_t code = DictGetInt(row, "AsCode");
@@ -218,7 +213,7 @@ void on_login_accepted(const char* payload, uint32_t size) {
 // An account reply: the host hears it at once, then the WAN table's row for
 // 999, if any, sees it too.
 void on_account_reply(const char* payload, uint32_t size) {
-  Dict dict = DictCreate(payload, static_cast<int32_t>(size));
+  Dict dict = dict_of(payload, size);
   const int32_t command = DictGetInt(dict, "MainCmd");
   const bool flag = DictGetInt(dict, "Flag") != 0;
   int32_t code = -1;

@@ -30,6 +30,7 @@
 #include "init/assert.h"
 #include "init/sys_state.h"
 #include "rsc/neigh_table.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -39,12 +40,6 @@ constexpr int32_t kSendOldEncodingMax = 4096;
 // The transport's widths (see arbor/transport.h): sizes and LAN peer ids are
 // cut to their low 16 bits.
 uint16_t send_cut16(uint32_t value) { return static_cast<uint16_t>(value); }
-
-// A size as the precision of "%.*s": sizes beyond INT_MAX print short rather
-// than turn into a negative precision, which would print up to a NUL.
-int send_precision(uint32_t size) {
-  return static_cast<int>(std::min<uint32_t>(size, INT_MAX));
-}
 
 // The header that the flags word describes; nPipe is each road's to set.
 PacketHeader send_header(uint32_t flags) {
@@ -73,7 +68,7 @@ void send_trace(uint32_t qvid, int32_t asc, const PacketHeader& header,
   } else {
     ARBOR_LOG(3, "asc=%d,qvid=%u,nPacketType=%d,nBoatType=%d,nLevel=%d: %.*s",
               asc, qvid, header.nPacketType, header.nBoatType, header.nLevel,
-              send_precision(size), static_cast<const char*>(data));
+              log_precision(size), static_cast<const char*>(data));
   }
 }
 
@@ -82,17 +77,16 @@ void send_trace(uint32_t qvid, int32_t asc, const PacketHeader& header,
 // not fit the old encoding's 4096 bytes; nothing is sent then.
 int32_t lansend_old(uint32_t qvid, PacketHeader* header, const char* text,
                     uint32_t size, uint32_t text_size) {
-  Dict dict = DictCreate(text, static_cast<int32_t>(
-                                   std::min<uint32_t>(text_size, INT32_MAX)));
+  Dict dict = dict_of(text, text_size);
   if (dict == nullptr) {
-    ARBOR_LOG(0, "DictCreate: %.*s", send_precision(size), text);
+    ARBOR_LOG(0, "DictCreate: %.*s", log_precision(size), text);
     return -1;
   }
   char buffer[kSendOldEncodingMax];
   int32_t length = DictEncodeOld(buffer, kSendOldEncodingMax, dict);
   DictDestroy(dict);
   if (length <= 0) {
-    ARBOR_LOG(0, "DictEncodeOld: %.*s", send_precision(size), text);
+    ARBOR_LOG(0, "DictEncodeOld: %.*s", log_precision(size), text);
     return -1;
   }
   return LANNetWrite(send_cut16(qvid), header, buffer, send_cut16(
@@ -141,7 +135,7 @@ extern "C" ARBOR_EXPORT int32_t lansend(uint32_t qvid, int32_t asc,
   uint32_t end = text != nullptr ? size : 0;
   while (end > 0 && text[end - 1] == '\0') --end;
   if (end == 0) {
-    ARBOR_LOG(0, "%.*s", text != nullptr ? send_precision(size) : 0,
+    ARBOR_LOG(0, "%.*s", text != nullptr ? log_precision(size) : 0,
               text != nullptr ? text : "");
     return -1;
   }

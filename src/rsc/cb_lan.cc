@@ -17,6 +17,7 @@
 #include "arbor/transport.h"
 #include "rsc/neigh_table.h"
 #include "rsc/rsc_internal.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -44,8 +45,7 @@ void neigh_remove(uint32_t qvid) {
 }  // namespace
 
 int32_t cb_lan(uint32_t qvid, int32_t asc, const char* data, uint32_t size) {
-  if (size > static_cast<uint32_t>(INT32_MAX)) return 0;
-  Dict dict = DictCreate(data, static_cast<int32_t>(size));
+  Dict dict = dict_of(data, size);
   if (dict == nullptr) return 0;
   const char* command = DictGetStr(dict, "MainCmd");
   int32_t result = 0;

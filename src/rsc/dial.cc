@@ -14,6 +14,7 @@
 #include "arbor/send.h"
 #include "init/ident.h"
 #include "rsc/rsc_internal.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -51,9 +52,7 @@ ARBOR_EXPORT int32_t ExecDial(int32_t asc, const char* sid, const char* text) {
   // A longer sid would be cut in the request, and the host could never hang
   // up the session it started.
   if (strnlen(sid, TREE_SID_SIZE) >= TREE_SID_SIZE) return -1;
-  const size_t text_length = std::strlen(text);
-  if (text_length > static_cast<size_t>(INT32_MAX)) return -1;
-  Dict dict = DictCreate(text, static_cast<int32_t>(text_length));
+  Dict dict = dict_of(text);
   if (dict == nullptr) return -1;
   // The request's own keys win over any of the same name in the text.
   char own[kDialBuffer];

@@ -19,6 +19,7 @@
 #include "arbor/inband.h"
 #include "arbor/rsc.h"
 #include "arbor/support.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -65,17 +66,11 @@ void push_media(uint32_t uid, const cdef* cls, int32_t xfd, uint32_t flags,
   std::free(record);
 }
 
-int log_width(uint32_t size) {
-  return static_cast<int>(std::min<uint32_t>(size, INT32_MAX));
-}
-
 // A LAN in-band text, encoded again with its sender named. A text that
 // does not fit the room is dropped with a line: a cut text would carry
 // other keys than the sender's, and an empty one says nothing.
 void lan_inband(uint32_t qvid, uint32_t pipe, const void* data, uint32_t size) {
-  if (size > static_cast<uint32_t>(INT32_MAX)) return;
-  Dict dict = DictCreate(static_cast<const char*>(data),
-                         static_cast<int32_t>(size));
+  Dict dict = dict_of(static_cast<const char*>(data), size);
   if (dict == nullptr) return;
   if (DictGetInt(dict, "QVID") < 1) {
     char sender[16];
@@ -129,7 +124,7 @@ ARBOR_EXPORT void rsc_wan_data_incoming(uint32_t pipe, uint32_t type,
     push_media(0, get_wan_cdef(), static_cast<int32_t>(pipe), 0, data, size);
   } else if (type == QVTP_INBAND) {
     ARBOR_LOG(3, "%s:QVTP_INBAND(%u, %.*s)", "rsc_wan_data_incoming", pipe,
-              log_width(size), static_cast<const char*>(data));
+              log_precision(size), static_cast<const char*>(data));
     if (size >= kLanInbandRoom - kWanInbandMargin) return;
     // The text goes on as it came, up to its first NUL: not decoded, and
     // no sender added (the service names none).
@@ -161,7 +156,7 @@ ARBOR_EXPORT void rsc_post_event(const cdef* cls, int32_t fd, const char* text,
   *record = InbandRecord{0, const_cast<cdef*>(cls), fd, flag, total};
   std::memcpy(record + 1, text, total);
   ARBOR_LOG(3, "%s:Inband: %d, %s", "rsc_post_event",
-            static_cast<int>(std::min<size_t>(length, INT32_MAX)), text);
+            log_precision(length), text);
   cmdq_push("Tree_inband", Tree_inband, 0, record, kHead + total);
   std::free(record);
 }

@@ -21,6 +21,7 @@
 #include "arbor/send.h"
 #include "arbor/strutils.h"
 #include "rsc/rsc_internal.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -28,17 +29,6 @@ constexpr int32_t kMainCmdSubscribe = 15;
 constexpr int32_t kMainCmdEvent = 17;
 // Room for a device command once ftN and FD are set.
 constexpr int32_t kDoEventBuffer = 2048;
-
-// A size of the wire as the dictionary's int32_t; sizes beyond that are no
-// text this system makes, and decode as a failure.
-Dict dict_from(const char* data, uint32_t size) {
-  if (size > static_cast<uint32_t>(INT32_MAX)) return nullptr;
-  return DictCreate(data, static_cast<int32_t>(size));
-}
-
-int log_width(uint32_t size) {
-  return static_cast<int>(std::min<uint32_t>(size, INT32_MAX));
-}
 
 // Pushes a command whose payload is the sid with its NUL. A sid of 64 bytes
 // or more goes along all the same: the handlers ignore it.
@@ -219,8 +209,8 @@ ARBOR_EXPORT int32_t rsc_main(cdef* cls, uint32_t from, int32_t asc,
 
 ARBOR_EXPORT int32_t rsc_callback(cdef* cls, uint32_t from, int32_t asc,
                                   const char* data, uint32_t size) {
-  Dict dict = dict_from(data, size);
-  ARBOR_LOG(3, "%s:QV_SRV_RES: %.*s", "rsc_callback", log_width(size), data);
+  Dict dict = dict_of(data, size);
+  ARBOR_LOG(3, "%s:QV_SRV_RES: %.*s", "rsc_callback", log_precision(size), data);
   if (dict == nullptr) {
     ARBOR_LOG(0, "decode error");
     return 0;
@@ -249,7 +239,7 @@ ARBOR_EXPORT int32_t rsc_callback(cdef* cls, uint32_t from, int32_t asc,
 ARBOR_EXPORT int32_t RSCDoEvent(const char* ftN, int32_t fd, const char* data,
                                 uint32_t size) {
   if (ftN == nullptr) return 0;
-  Dict dict = dict_from(data, size);
+  Dict dict = dict_of(data, size);
   if (dict == nullptr) return 0;
   DictSetStr(dict, "ftN", ftN);
   if (fd != 0) DictSetInt(dict, "FD", fd);
@@ -282,7 +272,7 @@ int32_t rsc_lan_event(uint32_t, uint32_t size, const char* data) {
       memmem(data, size, kLinkReport, sizeof kLinkReport - 1) != nullptr) {
     return 0;
   }
-  Dict dict = dict_from(data, size);
+  Dict dict = dict_of(data, size);
   if (dict == nullptr) return 0;
   int32_t delivered = 0;
   const char* path = DictGetStr(dict, "subResource");
