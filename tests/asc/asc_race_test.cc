@@ -1,8 +1,7 @@
 // Tests of the guard around the service tables: renaming and registering on
 // one thread while another looks rows up and dispatches, and handlers that
-// change the tables from inside a dispatch. Bounded in iterations, with no
-// timing assertion; meant to run under ThreadSanitizer and AddressSanitizer,
-// which catch a missing lock, a moved row or a freed name.
+// change the tables from inside a dispatch. Meant to run under the
+// sanitizers, which catch a missing lock, a moved row or a freed name.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -19,9 +18,7 @@ std::atomic<int> row_calls{0}, local_calls{0};
 int32_t Row(uint32_t, const char*) { return ++row_calls; }
 int32_t Local(uint32_t, uint32_t, const char*) { return ++local_calls; }
 template <typename F>
-AsHandler H(F f) {
-  return reinterpret_cast<AsHandler>(f);
-}
+AsHandler H(F f) { return reinterpret_cast<AsHandler>(f); }
 
 // Registers and removes an entry, and renames a row, while being dispatched.
 int32_t Reentrant(uint32_t, uint32_t, const char*) {
@@ -57,7 +54,7 @@ TEST(ServiceTableGuard, RenamingWhileOthersLookUpAndDispatch) {
       const char* now = __atomic_load_n(&found->AsName, __ATOMIC_ACQUIRE);
       EXPECT_TRUE(now[0] == 'e' || now[0] == 'o');
     }
-    ServiceRow copy;
+    ServiceRow copy;  // NetSend's road
     EXPECT_TRUE(!asc_copy_byname("even", &copy) || copy.AsCode == 40);
     asdispatch(get_wan_cdef(), 0, 40, "w", 1);
     asdispatch(get_wan_cdef(), 0, 41, "w", 1);

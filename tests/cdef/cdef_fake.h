@@ -11,52 +11,33 @@
 
 namespace cdef_fake {
 
-constexpr int kClasses = 10;
-
-// Retrieve of class i returns lists[i] (null: none).
-inline const char* lists[kClasses];
+inline const char* lists[10];  // Retrieve of class i returns lists[i]
 inline DeviceCallback given_callback = nullptr;
 inline std::vector<int> set_callback_order;  // class numbers, in call order
 
-struct DoEventCall {
-  std::string name;
-  int32_t xfd;
-  const char* text;  // the pointer the driver was given
-  std::string copy;  // what it pointed to
-};
+// text: the pointer the driver was given; copy: what it pointed to.
+struct DoEventCall { std::string name; int32_t xfd; const char* text; std::string copy; };
 inline std::vector<DoEventCall> do_events;
 
-template <int I>
-const char* Retrieve() {
-  return lists[I];
-}
-inline const char* Info() { return "Type=fake;"; }
-inline int32_t DoEvent(const char* name, int32_t xfd, const char* text) {
-  do_events.push_back({name, xfd, text, text});
-  return 0;
-}
-
-template <int I>
-int32_t SetCallback(DeviceCallback callback) {
-  given_callback = callback;
-  set_callback_order.push_back(I);
-  return 0;
-}
-
+// Class I, ready to register.
 template <int I>
 cdef Make() {
   cdef cls{};
-  cls.SetCallback = SetCallback<I>;
-  cls.Retrieve = Retrieve<I>;
-  cls.GetObjectInfo = Info;
-  cls.DoEvent = DoEvent;
+  cls.SetCallback = [](DeviceCallback callback) -> int32_t {
+    given_callback = callback;
+    set_callback_order.push_back(I);
+    return 0;
+  };
+  cls.Retrieve = [] { return lists[I]; };
+  cls.GetObjectInfo = [] { return "Type=fake;"; };
+  cls.DoEvent = [](const char* name, int32_t xfd, const char* text) -> int32_t {
+    do_events.push_back({name, xfd, text, text});
+    return 0;
+  };
   return cls;
 }
-
-// classes[i] is class I, ready to register.
-inline cdef classes[kClasses] = {Make<0>(), Make<1>(), Make<2>(), Make<3>(),
-                                 Make<4>(), Make<5>(), Make<6>(), Make<7>(),
-                                 Make<8>(), Make<9>()};
+inline cdef classes[10] = {Make<0>(), Make<1>(), Make<2>(), Make<3>(), Make<4>(),
+                           Make<5>(), Make<6>(), Make<7>(), Make<8>(), Make<9>()};
 
 }  // namespace cdef_fake
 

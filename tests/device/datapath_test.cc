@@ -1,185 +1,224 @@
-// The read thread and the media walk: what each sink receives and in which
-// order, what the walk skips, the bytes a converter holds back, the LAN
-// fan-out with its deferred writes outside the tree's lock, a failed send's
-// clean-up, and a thread blocked in Read that ends with the stop.
-#include <atomic>
-#include <thread>
+// The media path and in-band events: what the read thread delivers, its
+// network writes with the tree's lock free, how it ends, a converter's
+// held-back bytes through Tree_inflate, and Tree_inband's text events.
+#include <condition_variable>
+#include <deque>
+#include <future>
 
-#include "datapath_fakes.h"
+#include "arbor/inband.h"
+#include "device/datapath.h"
+#include "forest_fixture.h"
 
 namespace {
 
 using namespace forest_test;
-using namespace datapath_test;
 
-class DataPath : public ForestTest {};
-
-constexpr int32_t kPipe = 1024;
-
-// source -> pass-through -> {sink 11 active, sink 12 inactive}; 130 empty
-// reads first, logged at the 64th and 128th only.
-TEST_F(DataPath, ChunksReachActiveSinksInOrderAndSkipInactiveOnes) {
-  TreeRoot* root = Root(&source_class, 3, 0, "cam");
-  TreeNode* mid = Hang(root, &sink_class, 10);
-  Node(mid, &sink_class, 11);
-  Node(mid, &sink_class, 12, /*active=*/0);
-  source.empty_reads = 130;  // before the thread: no lock needed
-  StartThread(root);
-  Feed(Bytes(1, 100));
-  Feed(Bytes(2, 200));
-  Feed(Bytes(3, 63488));
-  std::vector<std::string> got = WritesOf(11, 3);
-  ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(got[0], Bytes(1, 100));
-  EXPECT_EQ(got[1], Bytes(2, 200));
-  EXPECT_EQ(got[2], Bytes(3, 63488));
-  std::lock_guard hold(sinks.mutex);
-  EXPECT_TRUE(sinks.writes[12].empty());
-  EXPECT_TRUE(sinks.writes[10].empty()) << "a node with children is no leaf";
-  for (uint32_t flags : sinks.flags) EXPECT_EQ(flags, 0x40100u);
-  EXPECT_TRUE(log_.Has("cam: 64-times ZERO."));
-  EXPECT_TRUE(log_.Has("cam: 128-times ZERO."));
-  EXPECT_FALSE(log_.Has("cam: 65-times ZERO."));
-  EXPECT_FALSE(log_.Has("cam: 130-times ZERO."));
-}
-
-// 100 bytes, 70 taken; then 50 more reach Convert as 80, the 30 first.
-TEST_F(DataPath, HeldBackBytesGoFirstIntoTheNextChunk) {
-  TreeRoot* root = Root(&source_class, 3);
-  TreeNode* conv = Hang(root, &converter_class, 20);
-  Node(conv, &sink_class, 21);
-  StartThread(root);
-  Feed(Bytes(0, 100));
-  Feed(Bytes(100, 50));
-  std::vector<std::string> got = WritesOf(21, 2);
-  ASSERT_EQ(got.size(), 2u);
-  EXPECT_EQ(got[0], Bytes(0, 70));
-  EXPECT_EQ(got[1], Bytes(70, 70));
-  std::lock_guard hold(sinks.mutex);
-  ASSERT_EQ(sinks.convert_inputs.size(), 2u);
-  EXPECT_EQ(sinks.convert_inputs[1], Bytes(70, 80));
-  EXPECT_EQ(sinks.flags, (std::vector<uint32_t>{0x40100u, 0x40100u}))
-      << "Convert's flag word stays private";
-}
-
-// The LAN pipe: one job per chunk serves both peers, the inactive one too.
-// A failed send ends that peer's sessions ("Lan_Write_error"); the other
-// peer keeps its session and its data.
-TEST_F(DataPath, LanPipeSendsOneRecordToEveryPeerAndFailedSendEndsThatPeer) {
-  TreeRoot* root = Root(&source_class, 3);
-  TreeNode* pipe = Hang(root, get_lan_cdef(), kPipe);
-  Row(Node(pipe, get_lan_cdef(), 7), "sid-seven", 7);
-  Row(Node(pipe, get_lan_cdef(), 9, /*active=*/0), "sid-nine", 9);
-  StartThread(root);
-  Feed(Bytes(5, 1400));
-  ASSERT_EQ(scripted_wait_calls(SCRIPTED_LAN_NET_WRITE, 2, 10000), 1);
-  for (size_t i = 0; i < 2; ++i) {
-    scripted_call call = Recorded(SCRIPTED_LAN_NET_WRITE, i);
-    EXPECT_EQ(call.peer, i == 0 ? 7 : 9);
-    EXPECT_EQ(call.header.nPipe, static_cast<uint32_t>(kPipe));
-    EXPECT_EQ(call.header.nPacketType, QVTP_RTP);
-    EXPECT_EQ(Payload(call), Bytes(5, 1400));
-  }
-  // Back in Read: the chunk's deferred writes have all run.
-  ASSERT_TRUE(WaitFor([] {
-    std::lock_guard hold(source.mutex);
-    return source.reads >= 2;
-  }));
-  EXPECT_EQ(scripted_call_count(SCRIPTED_LAN_NET_WRITE), 2u);
-  int first = log_.Find("Nw return");
-  ASSERT_GE(first, 0);
-  EXPECT_LT(log_.Find("Nw"), first);
-
-  scripted_push_peer_result(7, -1, 1);
-  Feed(Bytes(1, 64));
-  ASSERT_TRUE(WaitFor([] {
-    for (const std::string& t : LanTexts(7))
-      if (t.find("SessionDelete") != std::string::npos) return true;
-    return false;
-  }));
-  EXPECT_TRUE(log_.Has("sendasc: -1"));
-  EXPECT_NE(LanTexts(7).back().find("Lan_Write_error"), std::string::npos);
-  Drain();
-  QVRLock(&root->lock);
-  ASSERT_EQ(root->leaves_size, 1);
-  EXPECT_STREQ(root->leaves[0].sid, "sid-nine");
-  QVXUNLock(&root->lock);
-  EXPECT_EQ(LanTexts(9).size(), 2u);
-}
-
-// The deferred write proves the lock free: a writer must get the root's
-// lock while the read thread sits in the write. With the lock still held
-// for reading, the writer would wait past the limit.
-struct LockProbe {
-  TreeRoot* root = nullptr;
+// A source that records like camera and whose Read serves queued results,
+// then queued chunks, blocking until one comes or the device is closed.
+struct Source {
   std::mutex mutex;
   std::condition_variable cv;
-  std::atomic<bool> probed{false};
-  bool taken = false;
-  bool result = false;
-  std::thread writer;
-};
-LockProbe probe;
+  std::deque<int32_t> results;
+  std::deque<std::string> chunks;
+  bool closed = false;
+} source;
 
-void ProbeSink(void*, int, const char* line, size_t length) {
-  std::string text(line, length);
-  if (text.find("Nw") == std::string::npos || probe.probed.exchange(true))
-    return;
-  probe.writer = std::thread([] {
-    QVWLock(&probe.root->lock);
-    QVXUNLock(&probe.root->lock);
-    std::lock_guard hold(probe.mutex);
-    probe.taken = true;
-    probe.cv.notify_all();
-  });
-  std::unique_lock hold(probe.mutex);
-  probe.result = probe.cv.wait_for(hold, std::chrono::seconds(5),
-                                   [] { return probe.taken; });
+// A chunk for Read, behind the results given.
+void Feed(const std::string& chunk, std::initializer_list<int32_t> results = {}) {
+  std::lock_guard hold(source.mutex);
+  source.results.insert(source.results.end(), results);
+  source.chunks.push_back(chunk);
+  source.cv.notify_all();
 }
 
-TEST_F(DataPath, DeferredWritesRunWithTheLockReleased) {
+cdef source_class = [] {
+  cdef cls = camera;
+  cls.Read = [](int32_t, void* buffer, uint32_t size, uint32_t* flags) {
+    std::unique_lock hold(source.mutex);
+    source.cv.wait(hold, [] { return source.closed || !source.chunks.empty(); });
+    if (!source.results.empty()) {
+      const int32_t result = source.results.front();
+      source.results.pop_front();
+      return result;
+    }
+    if (source.closed) return -1;
+    const std::string chunk = source.chunks.front();
+    source.chunks.pop_front();
+    std::memcpy(buffer, chunk.data(), std::min<size_t>(chunk.size(), size));
+    *flags = 0x100;  // a level the driver set; the media type is ORed in
+    return static_cast<int32_t>(chunk.size());
+  };
+  cls.Close = [](int32_t) {
+    std::lock_guard hold(source.mutex);
+    source.closed = true;
+    source.cv.notify_all();
+    return 0;
+  };
+  return cls;
+}();
+
+// A converter that consumes whole units of 35 bytes only, holding the rest.
+cdef converter_class = [] {
+  cdef cls = camera;
+  cls.Convert = [](int32_t, const void* in, uint32_t* in_size, void* out,
+                   uint32_t* out_size, uint32_t* flags) {
+    *flags = 0xdead;  // must not reach the children
+    *out_size = *in_size / 35 * 35;
+    if (out == nullptr) return 0;
+    std::memcpy(out, in, *out_size);
+    *in_size = *out_size;
+    return 0;
+  };
+  return cls;
+}();
+
+// The writes xfd received, once there are at least count (10 s limit).
+std::vector<std::string> WritesOf(int32_t xfd, size_t count) {
+  WaitFor([&] { return Locked(writes)[xfd].size() >= count; });
+  return Locked(writes)[xfd];
+}
+
+// Links root and starts its read thread as the activation does.
+void StartThread(TreeRoot* root) {
+  forest_link(root);
+  root_ref(root);
+  root->use_thread = 2;
+  pthread_create(&root->thread, nullptr, thread_read_root, root);
+}
+
+// Bytes first, first + 1, ... as a chunk of n.
+std::string Bytes(int first, size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(first + i);
+  return s;
+}
+
+class DataPath : public ForestTest {};
+class Inband : public ForestTest {};
+
+// source -> pass-through -> {sink 11 active, sink 12 inactive}; empty reads
+// first, which neither end the thread nor reach anyone. The thread then
+// waits in Read, and the stop's close must end it.
+TEST_F(DataPath, ChunksReachActiveSinksInOrderAndTheStopEndsABlockedRead) {
+  TreeRoot* root = Root(&source_class, 3, 0, "cam");
+  TreeNode* mid = Hang(root, &camera, 10);
+  Node(mid, &camera, 11);
+  Node(mid, &camera, 12, /*active=*/0);
+  StartThread(root);
+  Feed(Bytes(1, 100), {0, 0, 0});
+  Feed(Bytes(2, 200));
+  Feed(Bytes(3, 63488));
+  EXPECT_EQ(WritesOf(11, 3), (std::vector<std::string>{
+                                Bytes(1, 100), Bytes(2, 200), Bytes(3, 63488)}));
+  device_stop();  // joins the thread: no lock needed below
+  device_exit();
+  started_ = false;
+  EXPECT_EQ(writes.size(), 1u) << "only the active leaf is written";
+  for (uint32_t flags : write_flags) EXPECT_EQ(flags, 0x40100u);
+}
+
+// While the read thread sits in a deferred network write (its "Nw" trace), a
+// writer must get the root's lock: were it still held for reading, the
+// writer would wait past the limit.
+TreeRoot* probed_root = nullptr;
+std::atomic<bool> probed{false};
+bool lock_was_free = false;
+std::future<void> writer;
+void ProbeSink(void*, int, const char* line, size_t length) {
+  if (std::string(line, length).find("Nw") == std::string::npos ||
+      probed.exchange(true))
+    return;
+  writer = std::async(std::launch::async, [] {
+    QVWLock(&probed_root->lock);
+    QVXUNLock(&probed_root->lock);
+  });
+  lock_was_free =
+      writer.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+}
+
+// A LAN pipe fed by the read thread; then a failing Read ends the thread,
+// and the next forest scan ends its sessions.
+TEST_F(DataPath, WritesRunWithTheLockReleasedAndAFailedReadEndsTheSessions) {
   TreeRoot* root = Root(&source_class, 3);
-  TreeNode* pipe = Hang(root, get_lan_cdef(), kPipe);
-  Node(pipe, get_lan_cdef(), 7);
-  probe.root = root;
+  Row(Node(Hang(root, get_lan_cdef(), 1024), get_lan_cdef(), 7), "sid-r", 7);
+  probed_root = root;
   LOG_SetSink(ProbeSink, nullptr);
   StartThread(root);
   Feed(Bytes(1, 64));
   ASSERT_EQ(scripted_wait_calls(SCRIPTED_LAN_NET_WRITE, 1, 10000), 1);
   LOG_SetSink(nullptr, nullptr);
-  ASSERT_TRUE(probe.probed);
-  probe.writer.join();
-  EXPECT_TRUE(probe.result) << "the network write ran under the tree lock";
-}
-
-// A thread blocked in Read ends when the stop closes the device.
-TEST_F(DataPath, ThreadBlockedInReadEndsAtStop) {
-  TreeRoot* root = Root(&source_class, 3);
-  Hang(root, &sink_class, 30);
-  StartThread(root);
-  ASSERT_TRUE(WaitFor([this] { return log_.Has("read-start"); }));
-  device_stop();
-  device_exit();
-  started_ = false;
-  EXPECT_TRUE(log_.Has("joinable"));
-  EXPECT_TRUE(log_.Has("thread_read_root exit: root"));
-  EXPECT_FALSE(log_.Has("FLAG=")) << "a read failing after the stop is quiet";
-}
-
-// A failing Read ends the thread; the next forest scan ends the sessions.
-TEST_F(DataPath, FailedReadEndsTheThreadAndItsSessions) {
-  TreeRoot* root = Root(&source_class, 3);
-  Row(Hang(root, &sink_class, 30), "sid-r", 0);
-  source.fail_with = -5;  // before the thread: no lock needed
-  StartThread(root);
+  ASSERT_TRUE(probed);
+  writer.wait();
+  EXPECT_TRUE(lock_was_free) << "the network write ran under the tree lock";
+  Feed("", {-5});
   ASSERT_TRUE(WaitFor([root] { return root->use_thread.load() == -111; }));
-  EXPECT_TRUE(log_.Has("thread_read_root:root(3, ...): -5, FLAG=0x40000."));
   OnConsumer([] { EXPECT_EQ(forest_ref_tree(&camera, 0, 99), nullptr); });
   EXPECT_EQ(forest_.head.next, nullptr);
-  bool told = false;
-  for (const std::string& t : WanTexts())
-    told = told || t.find("Thread_Terminated") != std::string::npos;
-  EXPECT_TRUE(told);
+  EXPECT_EQ(LanTexts(7).back(), SessionDelete("sid-r", "Thread_Terminated"));
+}
+
+// A record as the incoming paths make it, with length bytes of payload.
+void PushRecord(CommandHandler fn, cdef* device, uint32_t uid, int32_t xfd,
+                const std::string& payload, uint32_t length) {
+  InbandRecord head{};
+  head.uid = uid;
+  head.device = device;
+  head.xfd = xfd;
+  head.length = length;
+  const std::string record =
+      std::string(reinterpret_cast<const char*>(&head), sizeof head) + payload;
+  ASSERT_NE(cmdq_push("test", fn, 0, record.data(),
+                      static_cast<uint32_t>(record.size())), nullptr);
+}
+void Inflate(const std::string& data) {
+  PushRecord(Tree_inflate, get_lan_cdef(), 5, 1030, data,
+             static_cast<uint32_t>(data.size()));
+}
+void Event(int32_t xfd, const std::string& text) {
+  PushRecord(Tree_inband, &source_class, 0, xfd, text + '\0',
+             static_cast<uint32_t>(text.size() + 1));
+}
+
+// Fed from LAN peer 5 on pipe 1030: root -> converter -> sink 41.
+TEST_F(Inband, InflateCarriesHeldBytesAndDropsWhatConvertCannotUse) {
+  TreeRoot* root = Root(get_lan_cdef(), 1030, 5, "net.pipe");
+  Row(Node(Hang(root, &converter_class, 40), &camera, 41), "sid-in", 5);
+  forest_link(root);
+  // Another peer's, empty, and a length beyond the record's bytes: dropped.
+  PushRecord(Tree_inflate, get_lan_cdef(), 6, 1030, "abc", 3);
+  PushRecord(Tree_inflate, get_lan_cdef(), 5, 1030, "", 0);
+  PushRecord(Tree_inflate, get_lan_cdef(), 5, 1030, "abc", 4000);
+  Inflate(Bytes(0, 100));   // 70 out, 30 held
+  Inflate(Bytes(100, 4));   // 34 in: Convert reports nothing, all dropped
+  Inflate(Bytes(104, 35));  // nothing held any more: exactly this chunk
+  Drain();
+  EXPECT_EQ(writes[41], (std::vector<std::string>{Bytes(0, 70), Bytes(104, 35)}));
+  EXPECT_EQ(write_flags[0], 0x40000u) << "Convert's flag word stays private";
+}
+
+// root(source) -> device 50 -> LAN pipe 1024 -> {peer 7, peer 9 inactive};
+// root -> WAN pipe 2000 -> peer 0. Unterminated text, or text for another
+// device, is refused: outside input never reaches the walk's NUL assertion.
+TEST_F(Inband, TextReachesDevicesAndPeersAndTheWanAndBadTextIsRefused) {
+  TreeRoot* root = Root(&source_class, 3, 0, "cam");
+  TreeNode* pipe = Node(Hang(root, &camera, 50), get_lan_cdef(), 1024);
+  Node(pipe, get_lan_cdef(), 7);
+  Node(pipe, get_lan_cdef(), 9, /*active=*/0);
+  Node(Hang(root, get_wan_cdef(), 2000), get_wan_cdef(), 0);
+  forest_link(root);
+  PushRecord(Tree_inband, &source_class, 0, 3, "abcd", 4);
+  Event(4, "event=x;");
+  Event(3, "event=motion;");
+  Event(3, "event=alarm;");
+  Drain();
+  EXPECT_EQ(Events(), (std::vector<std::string>{"event=motion;", "event=motion;",
+                                                "event=alarm;", "event=alarm;"}));
+  EXPECT_EQ(LanTexts(), (std::vector<std::string>{
+                           std::string("event=motion;") + '\0',
+                           std::string("event=alarm;") + '\0'}));
+  EXPECT_EQ(Recorded(SCRIPTED_LAN_NET_WRITE, 0).header.nPacketType, QVTP_INBAND);
+  ASSERT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 1u) << "no alarm to WAN";
+  EXPECT_EQ(Recorded(SCRIPTED_NET_WRITE, 0).header.nPipe, 2000u);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ TEST_F(ForestStress, ConcurrentTeardownClosesEachDeviceOnceAndLeavesNothing) {
     devices.push_back(200 + r);
     Row(sink, ("d" + std::to_string(r)).c_str(), 0);
     leaves.push_back(reinterpret_cast<uintptr_t>(sink));
-    if (r == 0) StartReader(root, false);
+    if (r == 0) StartReader(root);
     forest_link(root);
   }
 

@@ -1,10 +1,8 @@
-// A bounded stress of whole sessions: several threads push local session
-// requests, their activation and hang-ups for local chains that share one threaded source, while its
-// read thread streams through the tree. Run under ThreadSanitizer this is the
-// check that building, activation, teardown and the walk keep out of each
-// other's way; in every build, every device opened must be closed exactly
-// once and the stop must leave nothing (the fixture's TearDown checks the
-// forest, the queue and cached_total).
+// A bounded stress of whole sessions: several threads push requests,
+// activations and hang-ups of local chains that share one threaded source
+// while its read thread streams. Under ThreadSanitizer this checks that
+// building, activation, teardown and the walk keep out of each other's way;
+// in every build each device opened must be closed exactly once.
 #include <thread>
 
 #include "build_fakes.h"

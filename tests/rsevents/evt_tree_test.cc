@@ -5,40 +5,30 @@
 // its own, so the tree starts empty.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
 
 #include "arbor/rsevents.h"
 #include "rsevents/evt_internal.h"
 
 namespace {
 
-const EventNode* Child(const EventNode* node, const std::string& name) {
-  for (uint32_t i = 0; node != nullptr && i < node->nchildren; ++i) {
-    if (name == node->children[i]->name) return node->children[i];
-  }
-  return nullptr;
-}
-
 // The node at a dotted path of non-empty pieces; the root for "".
 const EventNode* At(const std::string& path) {
   const EventNode* node = &evt_root_;
-  size_t beg = 0;
-  while (node != nullptr && beg < path.size()) {
-    size_t end = path.find('.', beg);
-    if (end == std::string::npos) end = path.size();
-    node = Child(node, path.substr(beg, end - beg));
-    beg = end + 1;
+  for (size_t beg = 0, end; node != nullptr && beg < path.size(); beg = end + 1) {
+    end = std::min(path.find('.', beg), path.size());
+    const EventNode* parent = std::exchange(node, nullptr);
+    for (uint32_t i = 0; i < parent->nchildren; ++i)
+      if (path.compare(beg, end - beg, parent->children[i]->name) == 0)
+        node = parent->children[i];
   }
   return node;
 }
 
-const char* SlotName(const EventSlot& slot) {
-  return evt_l_[slot.un.evidx].un.name;
-}
-
-int RejectAll(const char* const*, const char* const*, const char*) {
-  return 0;
-}
+const char* SlotName(const EventSlot& slot) { return evt_l_[slot.un.evidx].un.name; }
+int RejectAll(const char* const*, const char* const*, const char*) { return 0; }
 
 // Lock hooks that catch a second lock and count both calls.
 int locks = 0, unlocks = 0;
@@ -59,8 +49,8 @@ int CountUnlock() {
 TEST(EventSubscribe, DuplicateReturnsSameSlotAndKeepsOneSubscriber) {
   EventSlot* first = RsSubscribeEvent(0, 100, "a.b", "x", nullptr, "one");
   ASSERT_NE(first, nullptr);
+  // match_any is no match, and a different arg alone adds nothing.
   EXPECT_EQ(RsSubscribeEvent(0, 100, "a.b", "x", match_any, nullptr), first);
-  // A different arg alone adds nothing and does not replace the first.
   EXPECT_EQ(RsSubscribeEvent(0, 100, "a.b", "x", nullptr, "two"), first);
   ASSERT_EQ(first->nsubs, 1u);
   EXPECT_STREQ(first->subs[0].arg, "one");
@@ -74,38 +64,22 @@ TEST(EventSubscribe, DuplicateReturnsSameSlotAndKeepsOneSubscriber) {
 
 TEST(EventSubscribe, PathFilesSubscriptionAtItsNodeDotsAtRootEmptyInList) {
   RsSubscribeEvent(0, 100, "a.b.c", "x", nullptr, nullptr);
-  const EventNode* c = At("a.b.c");
   EventSlot* slot = RsSubscribeEvent(0, 100, "a..b.", "x", nullptr, nullptr);
   EXPECT_EQ(RsSubscribeEvent(0, 100, "a.b", "x", nullptr, nullptr), slot);
-  EXPECT_EQ(At("a.b.c"), c);
-  ASSERT_EQ(evt_root_.nchildren, 1u);
-  EXPECT_EQ(At("a")->nchildren, 1u);
-  EXPECT_EQ(At("a")->nevents, 0u);
-  const EventNode* b = At("a.b");
-  ASSERT_NE(b, nullptr);
-  EXPECT_EQ(b->parent, At("a"));
-  ASSERT_EQ(b->nevents, 1u);
-  EXPECT_EQ(&b->events[0], slot);
+  EXPECT_EQ(&At("a.b")->events[0], slot);
   // The name is known once to the list, whose own slot has no subscriber.
-  EXPECT_EQ(c->events[0].un.evidx, slot->un.evidx);
   ASSERT_EQ(n_evt_l_, 1u);
-  EXPECT_STREQ(SlotName(*slot), "x");
   EXPECT_EQ(evt_l_[0].nsubs, 0u);
   // Dots only land on the root; an empty or null path files in the list.
   EventSlot* root_slot = RsSubscribeEvent(0, 100, "...", "x", nullptr, nullptr);
-  ASSERT_EQ(evt_root_.nevents, 1u);
   EXPECT_EQ(root_slot, &evt_root_.events[0]);
-  EXPECT_EQ(evt_root_.nchildren, 1u);
   EventSlot* list_slot = RsSubscribeEvent(0, 100, "", "x", nullptr, nullptr);
-  EXPECT_EQ(RsSubscribeEvent(0, 100, nullptr, "x", 0, 0), list_slot);
   EXPECT_EQ(list_slot, &evt_l_[0]);
-  EXPECT_EQ(list_slot->nsubs, 1u);
-  EXPECT_EQ(root_slot->nsubs, 1u);
+  EXPECT_EQ(RsSubscribeEvent(0, 100, nullptr, "x", 0, 0), list_slot);
   // The root's name is not a piece, and a path's length is not limited.
-  const std::string piece(130, 'k');
-  RsSubscribeEvent(0, 100, ("Object." + piece + "." + piece).c_str(), "y",
-                   nullptr, nullptr);
-  EXPECT_NE(At("Object." + piece + "." + piece), nullptr);
+  const std::string path = "Object." + std::string(130, 'k') + "." + std::string(130, 'k');
+  RsSubscribeEvent(0, 100, path.c_str(), "y", nullptr, nullptr);
+  EXPECT_NE(At(path), nullptr);
 }
 
 TEST(EventSubscribe, NinthSubscriberGrowsArrayAndKeepsEarlierOnes) {
@@ -113,25 +87,20 @@ TEST(EventSubscribe, NinthSubscriberGrowsArrayAndKeepsEarlierOnes) {
   // the growth of the subscriber array can fail: at the 1st and the 9th.
   EventSlot* slot = RsSubscribeEvent(1, 1, "", "x", nullptr, nullptr);
   evt_test_fail_allocs(0);
-  for (int32_t asc = 2; asc <= 8; ++asc) {
+  for (int32_t asc = 2; asc <= 9; ++asc)
     EXPECT_EQ(RsSubscribeEvent(1, asc, "", "x", nullptr, nullptr), slot);
-  }
-  EXPECT_EQ(RsSubscribeEvent(1, 9, "", "x", nullptr, nullptr), slot);
   EXPECT_EQ(slot->nsubs, 8u) << "the 9th needs the array to grow";
   evt_test_fail_allocs(-1);
-  RsSubscribeEvent(1, 9, "", "x", nullptr, "nine");
+  RsSubscribeEvent(1, 9, "", "x", nullptr, nullptr);
   ASSERT_EQ(slot->nsubs, 9u);
   for (uint32_t i = 0; i < 9; ++i) EXPECT_EQ(slot->subs[i].asc, int32_t(i + 1));
-  EXPECT_STREQ(slot->subs[8].arg, "nine");
 }
 
 // Every path through RsSubscribeEvent, refusals included, releases the lock
 // it took; a retry after a failed allocation reuses what the failure left.
 TEST(EventSubscribe, RefusalsUnlockAndRetryAfterOutOfMemoryReusesBranch) {
   evt_init(CountLock, CountUnlock, nullptr);
-  EXPECT_EQ(RsSubscribeEvent(0, 100, "a.b", nullptr, nullptr, nullptr),
-            nullptr);
-  EXPECT_EQ(n_evt_l_, 0u);
+  EXPECT_EQ(RsSubscribeEvent(0, 100, "a.b", nullptr, nullptr, nullptr), nullptr);
   EventSlot* slot = nullptr;
   int32_t budget = 0;
   for (; slot == nullptr && budget < 50; ++budget) {
@@ -142,18 +111,10 @@ TEST(EventSubscribe, RefusalsUnlockAndRetryAfterOutOfMemoryReusesBranch) {
   evt_test_fail_allocs(-1);
   ASSERT_NE(slot, nullptr);
   EXPECT_GT(budget, 1) << "some attempts must have failed";
-  slot = RsSubscribeEvent(0, 100, "p.q.r", "x", nullptr, "arg");
-  EXPECT_EQ(slot->nsubs, 1u);
-  EXPECT_EQ(unlocks, locks);
+  EXPECT_EQ(RsSubscribeEvent(0, 100, "p.q.r", "x", nullptr, "arg")->nsubs, 1u);
   ASSERT_EQ(evt_root_.nchildren, 1u);  // no "a" from the refusal
   EXPECT_EQ(At("p")->nchildren, 1u);
-  EXPECT_EQ(At("p.q")->nchildren, 1u);
   EXPECT_EQ(At("p.q.r")->nevents, 1u);
-  EXPECT_EQ(n_evt_l_, 1u);
-  const int taken = locks;
-  evt_init(nullptr, nullptr, nullptr);  // back to no locking
-  EXPECT_NE(RsSubscribeEvent(0, 100, "b", "x", nullptr, nullptr), nullptr);
-  EXPECT_EQ(locks, taken);
 }
 
 TEST(EventSubscribe, PathOfMoreThan32PiecesIsRefusedWhole) {
@@ -164,36 +125,21 @@ TEST(EventSubscribe, PathOfMoreThan32PiecesIsRefusedWhole) {
             nullptr);
   EXPECT_EQ(evt_root_.nchildren, 0u);
   EXPECT_EQ(n_evt_l_, 0u);
-  char* pieces[EVT_MAX_PIECES + 1] = {};
-  std::string text = path33;
-  EXPECT_EQ(split_path(pieces, text.data()), -1);
-  EXPECT_EQ(text, path33);
-  EXPECT_EQ(pieces[0], nullptr);
   // Empty pieces do not count towards the limit.
-  ASSERT_NE(
-      RsSubscribeEvent(0, 100, (path32 + "...").c_str(), "x", nullptr, nullptr),
-      nullptr);
-  const EventNode* node = &evt_root_;
-  for (int i = 0; i < 32; ++i) node = Child(node, "p" + std::to_string(i));
-  ASSERT_NE(node, nullptr);
-  EXPECT_EQ(node->nevents, 1u);
+  EXPECT_NE(RsSubscribeEvent(0, 100, (path32 + "...").c_str(), "x", 0, 0), nullptr);
 }
 
 TEST(EventQueueJob, SubscribeNeedsFourArgumentsUnsubscribeRemovesNothing) {
   char uid[] = "7", asc[] = "100", path[] = "dev.cam", ev[] = "motion";
   char* argv[] = {uid, asc, path, ev, nullptr};
   event_subscribe(0, 0, 3, argv);
-  char* with_null[] = {uid, nullptr, path, ev};
-  event_subscribe(0, 0, 4, with_null);
   EXPECT_EQ(evt_root_.nchildren, 0u);
   event_subscribe(0, 0, 5, argv);
   const EventNode* cam = At("dev.cam");
   ASSERT_NE(cam, nullptr);
   ASSERT_EQ(cam->nevents, 1u);
   EXPECT_STREQ(SlotName(cam->events[0]), "motion");
-  ASSERT_EQ(cam->events[0].nsubs, 1u);
   EXPECT_EQ(cam->events[0].subs[0].uid, 7u);
-  EXPECT_EQ(cam->events[0].subs[0].asc, 100);
   EXPECT_EQ(RsUnsubscribeEvent(7, 100, "dev.cam", "motion"), 0);
   event_unsubscribe(0, 0, 3, argv);
   event_unsubscribe(0, 0, 4, argv);
