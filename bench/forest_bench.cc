@@ -26,6 +26,7 @@
 #include "device/forest.h"
 #include "init/sys_state.h"
 #include "scripted_transport.h"
+#include "sink_count.h"
 
 namespace {
 
@@ -42,15 +43,6 @@ struct Feed {
 };
 Feed feed;
 
-// Writes seen by all device sinks, and the count the bench waits for.
-struct Count {
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::atomic<uint64_t> writes{0};
-  std::atomic<uint64_t> target{0};
-};
-Count count;
-
 int32_t source_read(int32_t, void* buffer, uint32_t size, uint32_t*) {
   std::unique_lock hold(feed.mutex);
   feed.cv.wait(hold, [] { return feed.closed || feed.credits > 0; });
@@ -65,14 +57,6 @@ int32_t source_close(int32_t) {
   feed.closed = true;
   feed.cv.notify_all();
   return 0;
-}
-int32_t sink_write(int32_t, const void* data, uint32_t size, uint32_t) {
-  benchmark::DoNotOptimize(data);
-  if (count.writes.fetch_add(1) + 1 == count.target.load()) {
-    std::lock_guard hold(count.mutex);
-    count.cv.notify_all();
-  }
-  return static_cast<int32_t>(size);
 }
 int32_t nop_close(int32_t) { return 0; }
 
@@ -161,8 +145,7 @@ void BM_DeviceSinks(benchmark::State& state) {
     expected += kBatch * sinks;
     count.target = expected;
     give(kBatch);
-    std::unique_lock hold(count.mutex);
-    count.cv.wait(hold, [&] { return count.writes.load() >= expected; });
+    count.wait_for_target();
   }
   stop(root);
   report(state);

@@ -21,6 +21,7 @@
 #include "arbor/support.h"
 #include "arbor/sys.h"
 #include "init/sys_state.h"
+#include "sink_count.h"
 
 namespace {
 
@@ -28,22 +29,6 @@ constexpr uint32_t kPeer = 5;
 constexpr uint32_t kPipe = 1030;
 constexpr uint64_t kBatch = 256;
 
-struct Count {
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::atomic<uint64_t> writes{0};
-  std::atomic<uint64_t> target{0};
-};
-Count count;
-
-int32_t sink_write(int32_t, const void* data, uint32_t size, uint32_t) {
-  benchmark::DoNotOptimize(data);
-  if (count.writes.fetch_add(1) + 1 == count.target.load()) {
-    std::lock_guard hold(count.mutex);
-    count.cv.notify_all();
-  }
-  return static_cast<int32_t>(size);
-}
 int32_t sink_open(const char*, const char*, uint32_t* threading) {
   *threading = 0;
   return 1;
@@ -80,8 +65,7 @@ void BM_LanMediaIncoming(benchmark::State& state) {
     count.target = count.writes.load() + kBatch;
     for (uint64_t i = 0; i < kBatch; ++i)
       rsc_lan_data_incoming(kPeer, kPipe, QVTP_RTP, frame.data(), size);
-    std::unique_lock hold(count.mutex);
-    count.cv.wait(hold, [] { return count.writes.load() >= count.target; });
+    count.wait_for_target();
   }
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kBatch));
   state.SetBytesProcessed(
