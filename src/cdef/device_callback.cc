@@ -39,27 +39,16 @@ void cdef_subscribe(const cdef* cls, const char* path, const char* event) {
   RsSubscribeEvent(0, kCdefLocalAscBase + n, path, event, nullptr, nullptr);
 }
 
-// Emits the driver's event text (data, size bytes) at path, with event,
-// MainCmd 17 and subResource merged over its own keys. The text must end
-// inside size bytes: a driver's text without a NUL there is refused like
-// one that does not parse.
-void cdef_emit(const cdef* cls, const void* data, uint32_t size, const char* path,
+// Emits the driver's event text at path, with event, MainCmd 17 and
+// subResource merged over its own keys, and posts the merged text in-band
+// to the tree of (cls, fd) when fd is above 0. data is the driver's
+// NUL-terminated dictionary text and is read to its NUL, whatever size
+// says: size only tells that the call carries something (a driver passes
+// strlen(text) as often as strlen(text) + 1). A text that does not parse
+// is dropped by bemerge with "DictCreate: %s".
+void cdef_emit(const cdef* cls, const void* data, const char* path,
                const char* event, int32_t fd, uint32_t flag) {
   const char* base = static_cast<const char*>(data);
-  if (std::memchr(base, '\0', size) == nullptr) {
-    ARBOR_LOG(0, "DictCreate: %.*s",
-              log_precision(size), base);
-    return;
-  }
-  // event and subResource are pasted into dictionary text unescaped: a value
-  // holding ';', '=' or '\' would parse to other keys and could drop the
-  // MainCmd 17 override. Such names are no resource paths; refuse them.
-  if (std::strpbrk(event, ";=\\") != nullptr ||
-      std::strpbrk(path, ";=\\") != nullptr) {
-    ARBOR_LOG(0, "event '%s' at '%s' refused: ';', '=' or '\\' in a name",
-              event, path);
-    return;
-  }
   char buffer[kCdefEventBuffer];
   if (bemerge(buffer, sizeof buffer, base,
               "event=%s;MainCmd=%d;subResource=%s;", event, kCdefMainCmdEvent,
@@ -95,7 +84,7 @@ void local_device_callback(const cdef* cls, const char* var, const void* data,
     const int32_t fd = DictGetInt(dict, "FD");
     const auto flag = static_cast<uint32_t>(DictGetInt(dict, "Flag"));
     if (path != nullptr && event != nullptr) {
-      cdef_emit(cls, data, size, path, event, fd, flag);
+      cdef_emit(cls, data, path, event, fd, flag);
     } else if (fd > 0) {
       rsc_post_data(cls, fd, data, size, flag);
     }

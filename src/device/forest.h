@@ -224,13 +224,16 @@ void _destroy_root(TreeRoot* root);
 // last row closes the root.
 TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out);
 
-// Sends a session message to the owner (uid, ascode) of a row. A session
-// that this peer's own host dialled (uid 0, an AS code other than the
-// service's 100) has its owner here: the text goes to the local table under
-// ascode (forest_dispatch_local), where the host's handler and the session
-// commands hear it, rather than to the service. Every other owner is sent
-// the text by sendasc.
-void forest_tell_owner(uint32_t uid, int32_t ascode, const char* text,
+// Sends a session message to the owner (uid, ascode) of a row by sendasc:
+// a LAN peer, or for uid 0 the service's road, which for an AS code of 1 or
+// more is the WAN (a failed send logs "send error" and the session is gone
+// all the same). The one exception is sendasc's own local delivery (uid 0,
+// AS code 0 or less): it would run the local table's handlers, the host's
+// among them, under the caller's forest locks, where a handler that calls
+// back into the forest deadlocks. That delivery goes the same way, to the
+// whole table under AS code 0, but from the timed queue
+// (forest_dispatch_local).
+void forest_send_owner(uint32_t uid, int32_t ascode, const char* text,
                        uint32_t size);
 
 // Offers text to the local table under ascode, as from this peer, on the

@@ -190,10 +190,29 @@ void usync_link_result(uint32_t uid, int32_t ascode, const char* sid,
   if (text != nullptr) {
     const int32_t length = DictEncode(text, need + 1, dict);
     ARBOR_LOG(3, "*** Tree_ok: %.*s.", length, text);
-    forest_tell_owner(uid, ascode, text, static_cast<uint32_t>(length));
+    // A session this host dialled (uid 0, not the service's AS code) hears
+    // its start through the local table, where rsc_main activates it.
+    if (uid != 0 || ascode == kAsSession) {
+      forest_send_owner(uid, ascode, text, static_cast<uint32_t>(length));
+    } else {
+      forest_dispatch_local(ascode, text, static_cast<uint32_t>(length));
+    }
     std::free(text);
   }
   DictDestroy(dict);
+}
+
+// Prunes the branch of a session that got no row (memory ran out in
+// forest_index_leaf), after its messages went out: the owner is told
+// nothing, as for any request whose row could not be made, but a branch
+// that no row keeps would pin its root until the stop.
+void drop_unindexed(TreeRoot* root, TreeNode* end, const char* sid,
+                    const char* who) {
+  ARBOR_LOG(0, "%s: sid=%s: no row for the session (out of memory)", who,
+            sid);
+  QVWLock(&root->lock);
+  prune_unkept(root, end);
+  QVXUNLock(&root->lock);
 }
 
 }  // namespace
@@ -228,8 +247,8 @@ bool forest_index_leaf(uint32_t uid, int32_t ascode, const char* sid,
   return true;
 }
 
-// A peer node or a row that cannot be made (memory) ends the request as a
-// failed tree: what was built for it alone is taken down again.
+// A peer node that cannot be made ends the request as a failed tree, and
+// what was built for it alone is taken down again.
 void Tree_new_request(uintptr_t, const void* payload, uint32_t size) {
   uint32_t owned = 0;
   const TreeRequest* dx =
@@ -259,13 +278,14 @@ void Tree_new_request(uintptr_t, const void* payload, uint32_t size) {
       peer = peer_node(root, leaf, hop, dx->uid);
       fresh = peer != nullptr;
     }
-    if (peer == nullptr ||
-        !forest_index_leaf(dx->uid, dx->ascode, dx->sid, peer)) {
-      prune_unkept(root, peer != nullptr ? peer : leaf);
+    if (peer == nullptr) {
+      prune_unkept(root, leaf);
       tree_release(root);
       leaf = nullptr;
     } else {
-      if (fresh) {
+      const bool indexed =
+          forest_index_leaf(dx->uid, dx->ascode, dx->sid, peer);
+      if (fresh && indexed) {
         ARBOR_LOG(3, "%s:Tree_timed_check", "Tree_new_request");
         post_check(kRequestCheckMs, peer, dx->sid);
       }
@@ -282,6 +302,7 @@ void Tree_new_request(uintptr_t, const void* payload, uint32_t size) {
               ARBOR_SEND_CONTROL);
       root_notify(root_node(root), "Follower", kFollowerText,
                   kMainCmdFollower, peer_length(dx), dx->peer, dx->sid);
+      if (!indexed) drop_unindexed(root, peer, dx->sid, "Tree_new_request");
       root_unref(root);
     }
   }
@@ -306,12 +327,12 @@ void Tree_new_partial(uintptr_t, const void* payload, uint32_t size) {
     const bool to_peer = is_network_dev(leaf->device) != 0;
     if (to_peer) end = peer_node(root, leaf, &dx->nodes[dx->length - 1],
                                  dx->uid);
-    if (end == nullptr ||
-        !forest_index_leaf(dx->uid, dx->ascode, dx->sid, end)) {
-      prune_unkept(root, end != nullptr ? end : leaf);
+    if (end == nullptr) {
+      prune_unkept(root, leaf);
       tree_release(root);
       leaf = nullptr;
     } else {
+      const bool indexed = forest_index_leaf(dx->uid, dx->ascode, dx->sid, end);
       // "SessionStart" first, then the Follower notice, as for a request;
       // both with the lock released and the reference held.
       QVXUNLock(&root->lock);
@@ -321,8 +342,12 @@ void Tree_new_partial(uintptr_t, const void* payload, uint32_t size) {
         root_notify(root_node(root), "Follower", kFollowerText,
                     kMainCmdFollower, peer_length(dx), dx->peer, dx->sid);
       }
-      ARBOR_LOG(3, "%s:Tree_timed_check", "Tree_new_partial");
-      post_check(kPartialCheckMs, end, dx->sid);
+      if (indexed) {
+        ARBOR_LOG(3, "%s:Tree_timed_check", "Tree_new_partial");
+        post_check(kPartialCheckMs, end, dx->sid);
+      } else {
+        drop_unindexed(root, end, dx->sid, "Tree_new_partial");
+      }
       root_unref(root);
     }
   }

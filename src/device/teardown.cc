@@ -34,6 +34,7 @@
 #include "device/forest.h"
 #include "init/assert.h"
 #include "init/sys_state.h"
+#include "strutils/wire_text.h"
 
 namespace {
 
@@ -206,10 +207,10 @@ void forest_dispatch_local(int32_t ascode, const char* text, uint32_t size) {
   if (!posted) asdispatch(get_lan_cdef(), 0, ascode, text, size);
 }
 
-void forest_tell_owner(uint32_t uid, int32_t ascode, const char* text,
+void forest_send_owner(uint32_t uid, int32_t ascode, const char* text,
                        uint32_t size) {
-  if (uid == 0 && ascode != kAsSession) {
-    forest_dispatch_local(ascode, text, size);
+  if (uid == 0 && ascode <= 0) {
+    forest_dispatch_local(0, text, size);
   } else {
     sendasc(uid, ascode, text, size, ARBOR_SEND_CONTROL);
   }
@@ -229,7 +230,7 @@ void usync_closing(uint32_t uid, int32_t ascode, const char* sid,
     return;
   }
   ARBOR_LOG(2, "%s", text);
-  forest_tell_owner(uid, ascode, text, static_cast<uint32_t>(n));
+  forest_send_owner(uid, ascode, text, static_cast<uint32_t>(n));
 }
 
 // Same rule for a text that does not fit its 192 bytes.
@@ -244,7 +245,9 @@ void raise_link_fail(uint32_t uid, int32_t ascode, const char* sid,
     return;
   }
   ARBOR_LOG(0, "Tree_%s: %s", "raise_link_fail", text);
-  forest_tell_owner(uid, ascode, text, static_cast<uint32_t>(n));
+  forest_send_owner(uid, ascode, text, static_cast<uint32_t>(n));
+  // A LAN peer's session has a local side too: the same text, dispatched
+  // here, tears it down through the same handler.
   if (uid != 0) forest_dispatch_local(ascode, text, static_cast<uint32_t>(n));
 }
 
@@ -282,26 +285,29 @@ void root_notify(TreeNode* node, const char* event, const char* format, ...) {
 
 extern "C" {
 
-// Refused without a message: size 0 (also the null payload the queue makes
-// of a sid pushed with size 0), 64 bytes or more, no NUL inside size, an
-// empty sid (no session has one). A null sid with a size is our own
-// pusher's fault (assertion "sid").
+// Refused without a message, after the first line: size 0 (also the null
+// payload the queue makes of a sid pushed with size 0), 64 bytes or more,
+// no NUL inside size. A null sid with a size is our own pusher's fault
+// (assertion "sid"). The sid is not known to end inside size before the
+// checks, so the first line prints at most size bytes of it.
 ARBOR_EXPORT void Tree_destroy_branch(uintptr_t reason, const void* payload,
                                       uint32_t size) {
-  if (size == 0) return;
   const auto* sid = static_cast<const char*>(payload);
-  ARBOR_ASSERT(sid, "sid");
-  if (size >= TREE_SID_SIZE || std::memchr(sid, '\0', size) == nullptr)
+  ARBOR_ASSERT(sid != nullptr || size == 0, "sid");
+  ARBOR_LOG(3, "%s(%.*s)", "Tree_destroy_branch", log_precision(size),
+            text_or_empty(sid));
+  if (size == 0 || size >= TREE_SID_SIZE ||
+      std::memchr(sid, '\0', size) == nullptr)
     return;
-  ARBOR_LOG(3, "%s(%s)", "Tree_destroy_branch", sid);
-  if (*sid == '\0') return;
   destroy_by_sid(reinterpret_cast<const char*>(reason), sid);
 }
 
 // The sids are copied out first, since ending a session takes the forest
 // mutex and the root's lock itself. Each gathered sid is ended as
-// Tree_destroy_branch ends it, without its size limit: the sids come from
-// our own index, and a 63-character sid of a peer that left must end too.
+// Tree_destroy_branch ends it, but without its limit of 63 bytes with the
+// NUL: the sids come from our own index, which admits 63 characters, and
+// a session of a peer that left must end whatever its sid, or its branch
+// and root would live (streaming to nobody) until the stop.
 // Matches beyond the 128th stay until the next run. Lock order: forest
 // mutex, then each root's lock in turn.
 ARBOR_EXPORT void Tree_cleanup_byuid(uintptr_t reason, const void*,

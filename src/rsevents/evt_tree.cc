@@ -274,12 +274,16 @@ void evt_init(EvtLockFn lock_fn, EvtLockFn unlock_fn, EvtSenderFn sender_fn) {
 
 int match_any(const char* const*, const char* const*, const char*) { return 1; }
 
-// The path is copied and split before the lock is taken: that work touches
-// nothing shared, and a refused path then never takes the lock at all.
+// One lock and one unlock per call, whatever the outcome: the hooks see a
+// subscription as a single step, and the path is copied and split inside
+// it, so a hook that counts or times its holds sees all of the work. The
+// refusals (no event name, no memory for the copy, more pieces than a path
+// may have) release the lock on the way out like a success.
 EventSlot* RsSubscribeEvent(uint32_t uid, int32_t asc, const char* path,
                             const char* evname, EvtMatchFn match,
                             const char* arg) {
   if (match == nullptr) match = match_any;
+  EvtLockGuard guard;
   if (evname == nullptr) {
     ARBOR_LOG(0, "subscription of %u/%d without an event name refused", uid,
               asc);
@@ -305,7 +309,6 @@ EventSlot* RsSubscribeEvent(uint32_t uid, int32_t asc, const char* path,
   ARBOR_LOG(3, "subscribe %u/%d to %s at %s", uid, asc, evname,
             global ? "(anywhere)" : path);
 
-  EvtLockGuard guard;
   EventSlot* slot = nullptr;
   if (global) {
     const int32_t idx = evt_name_index(evname);

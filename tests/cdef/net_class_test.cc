@@ -74,7 +74,8 @@ TEST_F(DeviceCallbackTest, NetEmitEventNeedsBothKeys) {
   RsSubscribeEvent(0, 300, "cam0", "alarm", nullptr, nullptr);
   EXPECT_EQ(net_emit_event(nullptr, "subResource=cam0;"), 0);
   EXPECT_EQ(net_emit_event(nullptr, "broken"), 0);
-  EXPECT_EQ(wan_do_event("x", 1, "subResource=cam0;event=alarm;"), 0);
+  EXPECT_EQ(wan_do_event("x", 1, "MainCmd=17;subResource=cam0;event=alarm;"),
+            0);
   ASSERT_EQ(deliveries.size(), 1u);
   EXPECT_EQ(deliveries[0].asc, 300);
 }
@@ -128,14 +129,23 @@ TEST_F(DeviceCallbackTest, EventIsEmittedWithDriverKeysAndMainCmd17) {
   cdef_fake::given_callback(
       &classes[0], "MainCmd=3;subResource=cam0;event=alarm;FD=0;", body,
       sizeof body);
-  // Not terminated inside its size: refused.
+  // The text is read to its NUL: a size without the terminator, or any
+  // size at all, only says the call carries something.
   cdef_fake::given_callback(&classes[0], "MainCmd=3;subResource=cam0;event=alarm;",
-                            body, 5);
-  // Media without an FD: nothing.
+                            body, sizeof body - 1);
+  cdef_fake::given_callback(&classes[0], "MainCmd=3;subResource=cam0;event=alarm;",
+                            body, 1);
+  // Media without an FD: nothing. A text that is no dictionary: dropped.
   cdef_fake::given_callback(&classes[0], "MainCmd=3;subResource=cam0;", body,
                             sizeof body);
-  ASSERT_EQ(deliveries.size(), 1u);
-  EXPECT_EQ(Key(deliveries[0].body, "MainCmd"), "17");
-  EXPECT_EQ(Key(deliveries[0].body, "event"), "alarm");
-  EXPECT_EQ(Key(deliveries[0].body, "level"), "5");
+  LogCapture log(0);
+  cdef_fake::given_callback(&classes[0], "MainCmd=3;subResource=cam0;event=alarm;",
+                            "no pairs", 9);
+  EXPECT_TRUE(log.Has("DictCreate: no pairs"));
+  ASSERT_EQ(deliveries.size(), 3u);
+  for (const auto& delivery : deliveries) {
+    EXPECT_EQ(Key(delivery.body, "MainCmd"), "17");
+    EXPECT_EQ(Key(delivery.body, "event"), "alarm");
+    EXPECT_EQ(Key(delivery.body, "level"), "5");
+  }
 }

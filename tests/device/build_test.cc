@@ -146,13 +146,18 @@ TEST_F(Setup, FailedTreesTellTheOwnerRunFailAndBadRequestsAreRefused) {
   EXPECT_EQ(LanTexts(7), std::vector<std::string>{
                              "MainCmd=RUN_FAIL;sidN=f1;coz=Tree request fail;"});
   EXPECT_TRUE(Opens().empty());
-  // A leaf index that cannot grow takes down the peer node and the root
-  // built for it (growth 1 hangs the pipe, 2 the peer node, 3 the row).
+  // A leaf index that cannot grow (growth 1 hangs the pipe, 2 the peer
+  // node, 3 the row) reports nothing: the owner hears the session start as
+  // it would with a row, no "RUN_FAIL", and what was built for the session
+  // alone is taken down again.
   Request r = MakeRequest(7, "g1", {Hop(&dev, "cam.1"), Hop(get_lan_cdef(), "net.lan")});
   OnConsumer([] { build_test_fail_grows(2); });
   PushRequest(Tree_new_partial, r);
   OnConsumer([] { build_test_fail_grows(-1); });
-  EXPECT_EQ(LanTexts(7).back(), "MainCmd=RUN_FAIL;sidN=g1;coz=Tree create fail;");
+  EXPECT_EQ(LanTexts(7).back(),
+            "MainCmd=SessionStart;sidN=g1;ftN0=net.lan;FD0=1024;ftN1=cam.1;FD1=100;");
+  EXPECT_EQ(LanTexts(7).size(), 2u);
+  EXPECT_EQ(LeafOf("g1"), nullptr);
   EXPECT_EQ(Closes(), std::vector<int32_t>{100});
   // find_netornil: the first net hop, or the first that cannot be used.
   const MNodeInfo chain[] = {Hop(&dev, "cam.1"), Hop(nullptr, "x.1"),

@@ -37,14 +37,30 @@ std::string HostHeard(const std::string& needle) {
   return Find(host_texts, needle);
 }
 
-// Served here, a chain that cannot be built is reported to this host; one
-// that can be starts by local dispatch, and nothing goes on any network.
-TEST_F(Session, LocalDialStreamsAThreeHopChainAndHangsUpCleanly) {
+// The first control text to the service holding needle, and its AS code;
+// {-1, ""} when there is none.
+std::pair<int32_t, std::string> ToService(const std::string& needle) {
+  scripted_call call;
+  for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i) {
+    if (call.text == nullptr) continue;
+    std::string text(call.text, call.text_size);
+    if (text.find(needle) != std::string::npos) return {call.asc, text};
+  }
+  return {-1, ""};
+}
+
+// Served here, a chain starts by local dispatch and streams without a byte
+// on any network. Its ends take the owner's road like any other session's:
+// uid 0 with the dial's AS code is the service's road, so "RUN_FAIL" and
+// "SessionDelete" go to the service under that code, and the local table
+// hears neither.
+TEST_F(Session, LocalDialStreamsAThreeHopChainAndItsEndsGoToTheService) {
   SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(HostHandler));
   char sids[RSC_SID_SLOT];
   RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.bad;", nullptr);
-  ASSERT_TRUE(WaitFor([] { return !HostHeard("RUN_FAIL").empty(); }));
-  EXPECT_EQ(Key(HostHeard("RUN_FAIL"), "coz"), "Tree create fail");
+  ASSERT_TRUE(WaitFor([] { return ToService("RUN_FAIL").first != -1; }));
+  EXPECT_EQ(ToService("RUN_FAIL").first, 200);
+  EXPECT_EQ(Key(ToService("RUN_FAIL").second, "coz"), "Tree create fail");
   ASSERT_TRUE(WaitFor([] { return closes == 1; }));
 
   RSCDial(200, sids, "ftN0=cam.1;ftN1=enc.1;ftN2=sink.1;", nullptr);
@@ -57,24 +73,45 @@ TEST_F(Session, LocalDialStreamsAThreeHopChainAndHangsUpCleanly) {
   const uint32_t after = sink_writes.load();
   Drain();
   EXPECT_EQ(sink_writes.load(), after);
-  // The end is told to this host, under the dial's code, not to the service.
-  ASSERT_TRUE(WaitFor([] { return !HostHeard("SessionDelete").empty(); }));
-  EXPECT_EQ(Key(HostHeard("MainCmd=SessionDelete"), "sidN"), sids);
+  ASSERT_TRUE(WaitFor([] { return ToService("SessionDelete").first != -1; }));
+  EXPECT_EQ(ToService("SessionDelete").first, 200);
+  EXPECT_EQ(Key(ToService("SessionDelete").second, "sidN"), sids);
+  EXPECT_EQ(HostHeard("RUN_FAIL") + HostHeard("SessionDelete"), "");
   EXPECT_EQ(scripted_call_count(SCRIPTED_LAN_NET_WRITE), 0u);
+}
+
+// With the WAN down the same ends fail to send, with the send error line,
+// and the session is gone all the same.
+TEST_F(Session, LocalSessionEndsLogASendErrorWhileTheWanIsDown) {
+  sys_.wan_state = -1;
+  char sids[RSC_SID_SLOT];
+  RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.bad;", nullptr);
+  ASSERT_TRUE(WaitFor([this] {
+    return log_.HasAt(0, "send error: qvid=0, asc=200: -1");
+  }));
+  RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.1;", nullptr);
+  ASSERT_TRUE(WaitFor([] { return sink_writes.load() > 0; }));
+  RSCHangup(0, sids);
+  ASSERT_TRUE(WaitFor([] { return closes == opens; }));
+  Drain();
   EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
 }
 
-TEST_F(Session, ASourceDriverThatGoesEndsTheSessionAndTellsTheHost) {
+// A dial under AS code 0 owns its session as sendasc's local delivery does:
+// its end reaches every entry of the local table. The drain that tells it
+// holds the forest mutex and the root's lock, and the host's handler looks
+// at the forest: the text must reach it after those locks are released.
+TEST_F(Session, ASourceDriverThatGoesEndsALocalSessionAndTellsTheHost) {
   SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(HostHandler));
   char sids[RSC_SID_SLOT];
-  RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.1;", nullptr);
+  RSCDial(0, sids, "ftN0=cam.1;ftN1=sink.1;", nullptr);
   ASSERT_TRUE(WaitFor([] { return sink_writes.load() > 0; }));
-  // The whole root goes, under the forest mutex and the root's lock.
   cmdq_push("Tree_cleanup_drv", Tree_cleanup_drv,
             reinterpret_cast<uintptr_t>(&cam), nullptr, 0);
   ASSERT_TRUE(WaitFor([] { return !HostHeard("SessionDelete").empty(); }));
   EXPECT_EQ(Key(HostHeard("SessionDelete"), "coz"), "Cleanup_Drv/Wan");
   EXPECT_EQ(Key(HostHeard("SessionDelete"), "sidN"), sids);
+  EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
 }
 
 TEST_F(Session, PeerRequestBuildsTheSourceSideAndStreamsAfterSessionStart) {
@@ -93,15 +130,20 @@ TEST_F(Session, PeerRequestBuildsTheSourceSideAndStreamsAfterSessionStart) {
 
   // A driver's event for the source's descriptor (cam.1 was opened first,
   // as 100) goes down the tree in-band.
+  // The size a driver gives need not count the text's NUL.
   drivers.callback(&cam, "MainCmd=1;subResource=cam.1;event=motion;FD=100;",
-                   "level=3;", 9);
+                   "level=3;", 8);
   ASSERT_TRUE(WaitFor([&] { return LanFrames(5, QVTP_INBAND, pipe) > 0; }));
 
   // The peer hangs up: the branch ends and the peer hears why, under the
   // request's AS code.
   FromPeer(5, 100, "MainCmd=SessionDelete;sidN=r1;coz=;");
   ASSERT_TRUE(WaitFor([] { return closes == 1; }));
-  const std::string reply = Find(LanTexts(5), "MainCmd=SessionDelete");
+  // The reply leaves after the branch is closed: wait for it too.
+  std::string reply;
+  ASSERT_TRUE(WaitFor([&] {
+    return !(reply = Find(LanTexts(5), "MainCmd=SessionDelete")).empty();
+  }));
   EXPECT_EQ(Key(reply, "coz"), "Peer_SessionDelete");
   EXPECT_EQ(AscOf(5, "MainCmd=SessionDelete"), 200);
   Drain();
@@ -140,9 +182,12 @@ TEST_F(Session, SessionCreateFromPeerBuildsTheFarSideAndFeedsTheSink) {
   EXPECT_EQ(senders, "955");
 
   FromPeer(5, 100, "MainCmd=RUN_FAIL;sidN=c1;coz=x;");
+  std::string reply;
+  ASSERT_TRUE(WaitFor([&] {
+    return !(reply = Find(LanTexts(5), "MainCmd=SessionDelete")).empty();
+  }));
+  EXPECT_EQ(Key(reply, "coz"), "Peer_RUN_FAIL");
   ASSERT_TRUE(WaitFor([] { return closes == 1; }));
-  EXPECT_EQ(Key(Find(LanTexts(5), "MainCmd=SessionDelete"), "coz"),
-            "Peer_RUN_FAIL");
   EXPECT_EQ(sink_bytes.load(), 16u);
 }
 

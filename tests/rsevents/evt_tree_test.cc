@@ -96,17 +96,22 @@ TEST(EventSubscribe, NinthSubscriberGrowsArrayAndKeepsEarlierOnes) {
   for (uint32_t i = 0; i < 9; ++i) EXPECT_EQ(slot->subs[i].asc, int32_t(i + 1));
 }
 
-// Every path through RsSubscribeEvent, refusals included, releases the lock
-// it took; a retry after a failed allocation reuses what the failure left.
+// Every call of RsSubscribeEvent, refusals included, takes the lock once
+// and releases it once, first thing: a null event name too, and a path
+// whose copy runs out of memory. A retry after a failed allocation reuses
+// what the failure left.
 TEST(EventSubscribe, RefusalsUnlockAndRetryAfterOutOfMemoryReusesBranch) {
   evt_init(CountLock, CountUnlock, nullptr);
   EXPECT_EQ(RsSubscribeEvent(0, 100, "a.b", nullptr, nullptr, nullptr), nullptr);
+  EXPECT_EQ(locks, 1);
+  EXPECT_EQ(unlocks, 1);
   EventSlot* slot = nullptr;
   int32_t budget = 0;
   for (; slot == nullptr && budget < 50; ++budget) {
     evt_test_fail_allocs(budget);
     slot = RsSubscribeEvent(0, 100, "p.q.r", "x", nullptr, "arg");
-    EXPECT_EQ(locks, unlocks);
+    EXPECT_EQ(locks, budget + 2);
+    EXPECT_EQ(unlocks, locks);
   }
   evt_test_fail_allocs(-1);
   ASSERT_NE(slot, nullptr);
