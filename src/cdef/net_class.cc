@@ -80,7 +80,11 @@ ARBOR_EXPORT int32_t net_emit_event(const cdef* /*cls*/, const char* text) {
   const char* path = DictGetStr(dict, "subResource");
   const char* event = DictGetStr(dict, "event");
   int32_t result = 0;
-  if (path != nullptr && event != nullptr) {
+  if (path != nullptr && event != nullptr && !wire_event_text(dict)) {
+    // In-band texts come from the far end of a pipe.
+    ARBOR_LOG(0, "in-band event refused: MainCmd is not %d",
+              kWireMainCmdEvent);
+  } else if (path != nullptr && event != nullptr) {
     result = RsEmitEvent(path, event, text, nullptr, nullptr);
   }
   DictDestroy(dict);

@@ -83,6 +83,42 @@ void on_session_create(cdef* cls, uint32_t from, int32_t asc, const char* sid,
   rsc_push_request("Tree_new_partial", Tree_new_partial, &request);
 }
 
+// The sid and the peer's display name of a session command are written
+// raw into texts this engine makes later: "SessionDelete" and "RUN_FAIL"
+// carry the sid, the "Follower" events the sid and the name. Decoded from
+// the sender's dictionary, either may hold ';' or '=' escaped; pasted raw,
+// such a value adds keys of the sender's choosing (a MainCmd, a chain) to a
+// text that this host then sends or dispatches with its own authority. So
+// a command whose sid or name could do that is refused here, before
+// anything keeps it: the one place every such value comes in. This is
+// stricter than the messages' own definition, on purpose. The line names
+// the sender but not the value, which may hold control characters.
+bool identifiers_plain(const cdef* cls, uint32_t from, const char* name,
+                       const char* sid, Dict dict) {
+  const char* bad = nullptr;
+  if (!wire_value_plain(sid)) {
+    bad = "sidN";
+  } else if (!wire_value_plain(DictGetStr(dict, "user"))) {
+    bad = "user";
+  } else if (!wire_value_plain(DictGetStr(dict, "To"))) {
+    bad = "To";
+  }
+  if (bad == nullptr) return true;
+  char sender[32];
+  if (cls == get_wan_cdef()) {
+    std::snprintf(sender, sizeof sender, "the service");
+  } else if (from != 0) {
+    std::snprintf(sender, sizeof sender, "LAN peer %u", from);
+  } else {
+    std::snprintf(sender, sizeof sender, "local dispatch");
+  }
+  ARBOR_LOG(0,
+            "%s from %s refused: %s holds ';', '=', '\\' or a control "
+            "character",
+            name, sender, bad);
+  return false;
+}
+
 }  // namespace
 
 uint32_t parse_node_info(MNodeInfo* nodes, Dict dict, uint32_t from,
@@ -183,6 +219,7 @@ ARBOR_EXPORT int32_t rsc_main(cdef* cls, uint32_t from, int32_t asc,
                               const char* name, Dict dict) {
   const char* sid = DictGetStr(dict, "sidN");
   if (sid == nullptr || name == nullptr) return 0;
+  if (!identifiers_plain(cls, from, name, sid, dict)) return 0;
   if (std::strcmp(name, "QV_RES_REQ") == 0) {
     on_resource_request(cls, from, asc, sid, dict);
   } else if (std::strcmp(name, "SessionCreate") == 0) {
@@ -264,7 +301,7 @@ int32_t rsc_wan_callback(uint32_t size, const char* data) {
   return rsc_callback(get_wan_cdef(), 0, kRscAsCode, data, size);
 }
 
-int32_t rsc_lan_event(uint32_t, uint32_t size, const char* data) {
+int32_t rsc_lan_event(uint32_t from, uint32_t size, const char* data) {
   // Link reports pass every LAN handler; they are no resource events. The
   // text need not end in a NUL, so the search keeps within size.
   static constexpr char kLinkReport[] = "LocalData";
@@ -277,7 +314,10 @@ int32_t rsc_lan_event(uint32_t, uint32_t size, const char* data) {
   int32_t delivered = 0;
   const char* path = DictGetStr(dict, "subResource");
   const char* event = DictGetStr(dict, "event");
-  if (path != nullptr && event != nullptr) {
+  if (path != nullptr && event != nullptr && !wire_event_text(dict)) {
+    ARBOR_LOG(0, "event from LAN peer %u refused: MainCmd is not %d", from,
+              kWireMainCmdEvent);
+  } else if (path != nullptr && event != nullptr) {
     // The whole text is the body; subscribers get a C string.
     if (std::memchr(data, '\0', size) != nullptr) {
       delivered = RsEmitEvent(path, event, data, nullptr, nullptr);
