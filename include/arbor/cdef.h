@@ -37,8 +37,10 @@ typedef struct cdef cdef;
  *  var   a NUL-terminated dictionary text saying what the call is (keys
  *        MainCmd, subResource, event, FD, Flag); must not be null.
  *  data  the payload: for an event (or a subscription) a NUL-terminated
- *        dictionary text inside size bytes, else media. Null ignores the call.
- *  size  bytes at data; 0 ignores the call.
+ *        dictionary text, read to its NUL; else media. Null ignores the
+ *        call.
+ *  size  bytes at data; 0 ignores the call. For an event it only says that
+ *        there is a text: strlen(text) and strlen(text) + 1 both do.
  * May be called on any thread, at any time after SetCallback, also from
  * inside a slot (Read, DoEvent) and while the class mutex is held: it takes
  * no lock of the class table. It copies everything it needs before it
