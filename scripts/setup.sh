@@ -14,6 +14,7 @@ packages=(
   libgmock-dev
   libbenchmark-dev  # Google Benchmark (bench/ only)
   libssl-dev        # OpenSSL EVP digests for MakeMD5Int64
+  libasio-dev       # standalone Asio 1.22: the socket transport (transport/net)
 )
 
 missing=()
