@@ -13,7 +13,9 @@ packages=(
   libgtest-dev      # GoogleTest
   libgmock-dev
   libbenchmark-dev  # Google Benchmark (bench/ only)
-  libssl-dev        # OpenSSL EVP digests for MakeMD5Int64
+  libssl-dev        # OpenSSL: digests, HMAC, TLS for the socket transport
+  openssl           # the openssl command: throwaway certificates in tests
+  iproute2          # ip netns: the presence tests' private network
   libasio-dev       # standalone Asio 1.22: the socket transport (transport/net)
 )
 

@@ -246,11 +246,11 @@ TEST(NetLink, RefusedConnectReportsFailAndUnresolvableNameReportsUnreachable) {
   ASSERT_EQ(a.ConnectPeer(static_cast<uint16_t>(refused)), 0);
   EXPECT_EQ(ra.WaitStatus(QVNETS_FAIL), static_cast<uint32_t>(refused));
 
-  const int32_t nowhere = a.AddPeer("no-such-peer.invalid", 4000);
+  const int32_t nowhere = a.AddPeer(nettest::kUnresolvableHost.c_str(), 4000);
   ASSERT_EQ(a.ConnectPeer(static_cast<uint16_t>(nowhere)), 0);
   EXPECT_EQ(ra.WaitStatus(QVNETS_UNREACHABLE), static_cast<uint32_t>(nowhere));
   EXPECT_EQ(a.ConnectPeer(999), -1) << "an unknown id";
-  EXPECT_EQ(a.AddPeer("no-such-peer.invalid", 4000), nowhere) << "found by host and port";
+  EXPECT_EQ(a.AddPeer(nettest::kUnresolvableHost.c_str(), 4000), nowhere) << "found by host and port";
 }
 
 TEST(NetLink, APortInUseFailsInitAndSaysWhatToDo) {

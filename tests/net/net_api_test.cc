@@ -42,7 +42,9 @@ TEST(NetApi, LanStartsFromOptionTextAndStopsWithoutItsArguments) {
   EXPECT_EQ(net_c_smoke(), 0);
   EXPECT_EQ(arbor_net_lan_port(), -1);
   EXPECT_LT(InitLAN(lan_cb, Word("port=99999;"), 0, 0), 0);
-  EXPECT_LT(InitLAN(lan_cb, Word("key=s3cret;"), 0, 0), 0) << "no silent unkeyed LAN";
+  EXPECT_LT(InitLAN(lan_cb, Word("key=s3cret;"), 0, 0), 0) << "a key too short to trust";
+  EXPECT_LT(InitLAN(lan_cb, Word("presence=no-such-if0;"), 0, 0), 0)
+      << "presence on an interface this host does not have";
   EXPECT_LT(AddLANEP(Word("127.0.0.1"), 4000, 0, 0), 0) << "the LAN is off";
   ASSERT_EQ(InitLAN(lan_cb, Word("listen=127.0.0.1;io_threads=2;"), 0, 0), 0);
   const int32_t port = arbor_net_lan_port();
@@ -63,6 +65,14 @@ TEST(NetApi, LanStartsFromOptionTextAndStopsWithoutItsArguments) {
   const PacketHeader h{0, 0, 100, QVTP_CONTROL, 0};
   EXPECT_LT(LANNetWrite(static_cast<uint16_t>(self), &h, "k=v;", 4), 0) << "not connected";
   EXPECT_EQ(LANReFlash("Name=cam;", 9), 0);
+  EXPECT_EQ(arbor_net_presence_dropped(), -1) << "presence is off without presence=";
+  char text[16];
+  EXPECT_EQ(arbor_net_peer_presence(static_cast<uint16_t>(self), text, sizeof text), 0);
+  EXPECT_STREQ(text, "");
+  arbor_net_peer_info info{};
+  ASSERT_EQ(arbor_net_peer_stats(static_cast<uint16_t>(self), &info), 0);
+  EXPECT_EQ(info.found, ARBOR_NET_FOUND_ADDED);
+  EXPECT_EQ(info.present, 0);
 
   EXPECT_LT(InitWAN(nullptr), 0);
   EXPECT_LT(ConRemoteHostInfo(nullptr), 0);

@@ -30,6 +30,12 @@ namespace nettest {
 using namespace std::chrono_literals;
 inline constexpr auto kLimit = 20s;  // bound of every wait
 
+// A host name that cannot resolve and whose look-up never leaves this
+// machine: a label over 63 characters is refused by the resolver before any
+// query is built (a plain ".invalid" name would be asked of the configured
+// name server).
+inline const std::string kUnresolvableHost = std::string(64, 'a') + ".invalid";
+
 struct Event {
   uint32_t from, pipe, type;
   std::string data;

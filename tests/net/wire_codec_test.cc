@@ -113,8 +113,10 @@ TEST(NetLanOptions, ReadsEveryKeyAndRefusesOutOfRangeOrUnbuiltOnes) {
   EXPECT_EQ(o.version, 79);
   EXPECT_EQ(o.peer_timeout_ms, 500);
   for (const char* bad : {"port=70000;", "port=x;", "io_threads=0;", "budget=1000;",
-                          "peer_timeout_ms=-1;", "key=secret;", "presence=on;", "port=1"})
+                          "peer_timeout_ms=-1;", "key=secret;", "port=1"})
     EXPECT_FALSE(lan_options_parse(bad, &o)) << bad;
+  ASSERT_TRUE(lan_options_parse("key=12345678;", &o)) << "8 characters is the shortest key";
+  EXPECT_EQ(o.key, "12345678");
 }
 
 TEST(NetPeerTable, IdsAreRoundRobinNeverZeroAndSkipIdsInUse) {

@@ -70,6 +70,20 @@ class ChildProcess {
     }
   }
 
+  // Waits until `count` lines equal to line have been printed, or `limit`
+  // passes; true when they have.
+  bool WaitForLines(const std::string& line, size_t count, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+      size_t seen = 0;
+      for (const std::string& l : lines_) seen += l == line;
+      if (seen >= count) return true;
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          end - std::chrono::steady_clock::now());
+      if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) return false;
+    }
+  }
+
   void Send(const std::string& line) {
     const std::string text = line + "\n";
     [[maybe_unused]] ssize_t n = write(stdin_, text.data(), text.size());

@@ -1,5 +1,6 @@
-// connection.cc - a LAN connection: dial or accept, the hello exchange, the
-// read loop and the output queue with its budget (rules in connection.h).
+// connection.cc - a connection once it is open: the read loop that hands
+// whole frames to the owner, the output queue with its budget, and closing
+// (rules in connection.h; the opening is connection_open.cc's).
 #include "connection.h"
 
 #include <sys/socket.h>
@@ -10,7 +11,7 @@
 #include <utility>
 
 #include "arbor/support.h"
-#include "lan_side.h"
+#include "arbor/transport.h"
 
 namespace arbor::net {
 namespace {
@@ -36,12 +37,12 @@ bool would_block(int err) { return err == EAGAIN || err == EWOULDBLOCK; }
 
 }  // namespace
 
-Connection::Connection(LanSide& side, Strand strand, uint16_t peer)
-    : side_(side), strand_(strand), socket_(strand), resolver_(strand), deadline_(strand),
+Connection::Connection(LinkOwner& owner, Strand strand, uint16_t peer)
+    : owner_(owner), strand_(strand), socket_(strand), resolver_(strand), deadline_(strand),
       stall_(strand), dialled_(true), peer_(peer), rbuf_(new uint8_t[kMaxFrame]) {}
 
-Connection::Connection(LanSide& side, Strand strand, asio::ip::tcp::socket socket)
-    : side_(side), strand_(strand), socket_(std::move(socket)), resolver_(strand),
+Connection::Connection(LinkOwner& owner, Strand strand, asio::ip::tcp::socket socket)
+    : owner_(owner), strand_(strand), socket_(std::move(socket)), resolver_(strand),
       deadline_(strand), stall_(strand), dialled_(false), peer_(0),
       rbuf_(new uint8_t[kMaxFrame]) {}
 
@@ -50,95 +51,15 @@ void Connection::Bind(uint16_t peer, std::shared_ptr<PeerCounters> counters) {
   counters_ = std::move(counters);
 }
 
-// ------------------------------------------------------------ opening
-
-void Connection::Dial(std::string host, uint16_t port) {
-  asio::post(strand_, [self = shared_from_this(), host = std::move(host), port] {
-    if (self->phase_ != Phase::kIdle) return;
-    self->phase_ = Phase::kConnecting;
-    self->deadline_.expires_after(kConnectTimeout);
-    self->deadline_.async_wait([self](std::error_code ec) {
-      if (ec || self->phase_ != Phase::kConnecting) return;
-      ARBOR_LOG(0, "LAN peer %u: no connection within %lld ms", self->peer(),
-                static_cast<long long>(kConnectTimeout.count()));
-      self->Fail(QVNETS_UNREACHABLE);
-    });
-    self->resolver_.async_resolve(
-        host, std::to_string(port), asio::ip::tcp::resolver::numeric_service,
-        [self, host](std::error_code ec, const asio::ip::tcp::resolver::results_type& found) {
-          if (self->phase_ != Phase::kConnecting) return;
-          if (ec) {
-            ARBOR_LOG(0, "LAN peer %u: cannot resolve %s: %s", self->peer(), host.c_str(),
-                      ec.message().c_str());
-            self->Fail(QVNETS_UNREACHABLE);
-            return;
-          }
-          asio::async_connect(self->socket_, found,
-                              [self, host](std::error_code cec, const asio::ip::tcp::endpoint&) {
-                                if (self->phase_ != Phase::kConnecting) return;
-                                if (!cec) {
-                                  self->OnConnected();
-                                  return;
-                                }
-                                ARBOR_LOG(0, "LAN peer %u: cannot connect to %s: %s",
-                                          self->peer(), host.c_str(), cec.message().c_str());
-                                self->Fail(cec == asio::error::connection_refused
-                                               ? QVNETS_FAIL
-                                               : QVNETS_UNREACHABLE);
-                              });
-        });
-  });
-}
-
-void Connection::Accept() {
-  asio::post(strand_, [self = shared_from_this()] {
-    if (self->phase_ != Phase::kIdle) return;
-    self->StartHello();
-  });
-}
-
-void Connection::OnConnected() {
-  deadline_.cancel();
-  StartHello();
-}
-
-// Sends our hello, arms the hello time-out and starts reading. Strand.
-void Connection::StartHello() {
-  phase_ = Phase::kHello;
-  std::error_code ec;
-  const auto remote = socket_.remote_endpoint(ec);
-  remote_address_ = ec ? std::string("?") : remote.address().to_string();
-  socket_.set_option(asio::ip::tcp::no_delay(true), ec);  // frames are whole writes
-
-  Hello mine;
-  mine.instance = side_.instance();
-  mine.listen_port = side_.port();
-  mine.version = side_.options().version;
-  uint8_t bytes[kHelloSize];
-  hello_encode(mine, bytes);
-  {
-    std::unique_lock lock(out_mutex_);
-    if (closed_) return;
-    if (!SubmitLocked(lock, bytes, sizeof bytes, nullptr, 0)) return;
-  }
-
-  deadline_.expires_after(kHelloTimeout);
-  deadline_.async_wait([self = shared_from_this()](std::error_code wec) {
-    if (wec || self->phase_ != Phase::kHello) return;
-    ARBOR_LOG(0, "LAN connection %s: no hello within %lld ms", self->remote_address_.c_str(),
-              static_cast<long long>(kHelloTimeout.count()));
-    self->Fail(QVNETS_FAIL);
-  });
-  StartRead();
-}
-
 // ------------------------------------------------------------ reading
 
 void Connection::StartRead() {
-  socket_.async_read_some(asio::buffer(rbuf_.get() + rfill_, kMaxFrame - rfill_),
-                          [self = shared_from_this()](std::error_code ec, size_t n) {
-                            self->OnRead(ec, n);
-                          });
+  auto into = asio::buffer(rbuf_.get() + rfill_, kMaxFrame - rfill_);
+  auto then = [self = shared_from_this()](std::error_code ec, size_t n) { self->OnRead(ec, n); };
+  if (tls_)
+    tls_->async_read_some(into, std::move(then));
+  else
+    socket_.async_read_some(into, std::move(then));
 }
 
 void Connection::OnRead(std::error_code ec, size_t n) {
@@ -153,10 +74,10 @@ void Connection::OnRead(std::error_code ec, size_t n) {
   }
   if (ec) {
     if (ec == asio::error::eof && rfill_ > 0)
-      ARBOR_LOG(0, "LAN connection %s (peer %u): stream ends inside a %s",
-                remote_address_.c_str(), peer(), phase_ == Phase::kOpen ? "frame" : "hello");
+      ARBOR_LOG(0, "%s connection %s (peer %u): stream ends inside a %s",
+                name(), remote_address_.c_str(), peer(), phase_ == Phase::kOpen ? "frame" : "hello");
     else
-      ARBOR_LOG(2, "LAN connection %s (peer %u): %s", remote_address_.c_str(), peer(),
+      ARBOR_LOG(2, "%s connection %s (peer %u): %s", name(), remote_address_.c_str(), peer(),
                 ec.message().c_str());
     Fail(lost);
     return;
@@ -168,27 +89,33 @@ void Connection::OnRead(std::error_code ec, size_t n) {
 bool Connection::ParseBuffer() {
   size_t offset = 0;
   if (phase_ == Phase::kHello) {
-    Hello theirs;
-    const Verdict v = hello_decode(rbuf_.get(), rfill_, &theirs);
-    if (v == Verdict::kShort) return true;
-    if (v != Verdict::kOk) {
-      ARBOR_LOG(0, "LAN connection %s: hello refused: %s", remote_address_.c_str(),
-                verdict_text(v));
-      Fail(QVNETS_FAIL);
-      return false;
+    const ptrdiff_t used = TakeHello();
+    if (used <= 0) return used == 0;
+    offset = static_cast<size_t>(used);
+    if (owner_.settings().key.empty()) {
+      if (!Open()) return false;
+    } else {
+      phase_ = Phase::kProof;
     }
-    if (!side_.OnHello(shared_from_this(), theirs)) return false;
-    deadline_.cancel();
-    phase_ = Phase::kOpen;
-    offset = kHelloSize;
+  }
+  if (phase_ == Phase::kProof) {
+    if (offset > 0) {  // what follows the hello starts the buffer
+      std::memmove(rbuf_.get(), rbuf_.get() + offset, rfill_ - offset);
+      rfill_ -= offset;
+      offset = 0;
+    }
+    const ptrdiff_t used = TakeProof();
+    if (used <= 0) return used == 0;
+    offset = static_cast<size_t>(used);
+    if (!Open()) return false;
   }
   while (phase_ == Phase::kOpen) {
     FrameHeader header;
     const Verdict v = frame_header_decode(rbuf_.get() + offset, rfill_ - offset, &header);
     if (v == Verdict::kShort) break;
     if (v != Verdict::kOk) {
-      ARBOR_LOG(0, "LAN connection %s (peer %u): frame refused: %s %u; closing",
-                remote_address_.c_str(), peer(), verdict_text(v), header.type);
+      ARBOR_LOG(0, "%s connection %s (peer %u): frame refused: %s %u; closing",
+                name(), remote_address_.c_str(), peer(), verdict_text(v), header.type);
       Fail(QVNETS_DISCONNECT);
       return false;
     }
@@ -201,7 +128,7 @@ bool Connection::ParseBuffer() {
     }
     counters_->frames_in.fetch_add(1, std::memory_order_relaxed);
     counters_->bytes_in.fetch_add(header.length, std::memory_order_relaxed);
-    side_.Deliver(peer(), header.pipe, header.type, header.length,
+    owner_.Deliver(peer(), header.pipe, header.type, header.length,
                   header.length > 0 ? rbuf_.get() + offset + kFrameHeaderSize : nullptr);
     offset += whole;
   }
@@ -221,15 +148,15 @@ Connection::WriteResult Connection::Write(const FrameHeader& header, const void*
   const size_t whole = kFrameHeaderSize + header.length;
   std::unique_lock lock(out_mutex_);
   if (closed_ || retiring_) return WriteResult::kRefused;
-  if (!queue_.empty()) {
-    const size_t budget = side_.options().budget;
+  if (queued_ > 0) {
+    const size_t budget = owner_.settings().budget;
     if (header.type == QVTP_RTP && queued_ + whole > budget) {
       counters_->media_dropped.fetch_add(1, std::memory_order_relaxed);
       return WriteResult::kDropped;
     }
     if (queued_ + whole > budget + kControlReserve) {
       lock.unlock();
-      ARBOR_LOG(0, "LAN peer %u: output queue over %zu bytes; the peer is gone", peer(),
+      ARBOR_LOG(0, "%s peer %u: output queue over %zu bytes; the peer is gone", name(), peer(),
                 budget + kControlReserve);
       Fail(QVNETS_DISCONNECT);
       return WriteResult::kRefused;
@@ -250,20 +177,20 @@ bool Connection::SubmitLocked(std::unique_lock<std::mutex>& lock, const void* he
                               size_t head_size, const void* body, size_t body_size) {
   size_t taken = 0;
   const bool was_empty = queue_.empty();
-  if (was_empty) {
+  if (was_empty && !tls_) {
     iovec iov[2] = {{const_cast<void*>(head), head_size}, {const_cast<void*>(body), body_size}};
     const ssize_t n = send_now(socket_.native_handle(), iov, body_size > 0 ? 2 : 1);
     if (n < 0 && !would_block(errno)) {
       const int err = errno;
       lock.unlock();
-      ARBOR_LOG(2, "LAN peer %u: write: %s", peer(), std::strerror(err));
+      ARBOR_LOG(2, "%s peer %u: write: %s", name(), peer(), std::strerror(err));
       Fail(QVNETS_DISCONNECT);
       return false;
     }
     taken = n < 0 ? 0 : static_cast<size_t>(n);
     if (taken == head_size + body_size) return true;
-    last_progress_ = Clock::now();  // the peer time-out counts from here
   }
+  if (was_empty) last_progress_ = Clock::now();  // the peer time-out counts from here
   std::vector<uint8_t> rest;
   rest.reserve(head_size + body_size - taken);
   const auto* h = static_cast<const uint8_t*>(head);
@@ -281,6 +208,10 @@ bool Connection::SubmitLocked(std::unique_lock<std::mutex>& lock, const void* he
 // Sends from the queue until it is empty or the socket is full; then waits
 // for the socket to be writable. Strand.
 void Connection::Drain() {
+  if (tls_) {
+    DrainTls();
+    return;
+  }
   std::unique_lock lock(out_mutex_);
   while (!closed_ && !queue_.empty()) {
     iovec iov[kDrainIov];
@@ -294,7 +225,7 @@ void Connection::Drain() {
       if (would_block(errno)) break;
       const int err = errno;
       lock.unlock();
-      ARBOR_LOG(2, "LAN peer %u: write: %s", peer(), std::strerror(err));
+      ARBOR_LOG(2, "%s peer %u: write: %s", name(), peer(), std::strerror(err));
       Fail(QVNETS_DISCONNECT);
       return;
     }
@@ -315,6 +246,7 @@ void Connection::Drain() {
   queue_bytes_.store(queued_, std::memory_order_relaxed);
   if (closed_) return;
   if (queue_.empty()) {
+    drained_.notify_all();
     lock.unlock();
     FinishRetiring();
     return;
@@ -327,10 +259,48 @@ void Connection::Drain() {
                      });
 }
 
+void Connection::DrainTls() {
+  if (tls_writing_ || phase_ == Phase::kClosed) return;
+  std::vector<asio::const_buffer> buffers;
+  {
+    std::lock_guard lock(out_mutex_);
+    if (closed_ || queue_.empty()) return;
+    // Whole frames only: a TLS connection never sends part of one from a
+    // caller's thread, so front_offset_ stays 0.
+    while (!queue_.empty() && tls_inflight_.size() < kDrainIov) {
+      tls_inflight_.push_back(std::move(queue_.front()));
+      queue_.pop_front();
+      buffers.emplace_back(asio::buffer(tls_inflight_.back()));
+    }
+  }
+  tls_writing_ = true;
+  ArmStall();
+  asio::async_write(*tls_, buffers, [self = shared_from_this()](std::error_code ec, size_t n) {
+    self->tls_writing_ = false;
+    self->tls_inflight_.clear();
+    if (ec) {
+      if (ec != asio::error::operation_aborted) {
+        ARBOR_LOG(2, "%s peer %u: write: %s", self->name(), self->peer(), ec.message().c_str());
+        self->Fail(QVNETS_DISCONNECT);
+      }
+      return;
+    }
+    {
+      std::lock_guard lock(self->out_mutex_);
+      if (self->closed_) return;
+      self->queued_ -= n;
+      self->queue_bytes_.store(self->queued_, std::memory_order_relaxed);
+      self->last_progress_ = Clock::now();
+      if (self->queued_ == 0) self->drained_.notify_all();
+    }
+    self->DrainTls();
+  });
+}
+
 void Connection::ArmStall() {
   if (stall_armed_) return;
   stall_armed_ = true;
-  stall_.expires_after(std::chrono::milliseconds(side_.options().peer_timeout_ms));
+  stall_.expires_after(std::chrono::milliseconds(owner_.settings().peer_timeout_ms));
   stall_.async_wait([self = shared_from_this()](std::error_code ec) {
     self->stall_armed_ = false;
     if (!ec) self->OnStall();
@@ -340,10 +310,10 @@ void Connection::ArmStall() {
 // The stall timer fired: the peer is gone if its queue still waits and no
 // byte left for the whole time-out; otherwise look again later. Strand.
 void Connection::OnStall() {
-  const auto timeout = std::chrono::milliseconds(side_.options().peer_timeout_ms);
+  const auto timeout = std::chrono::milliseconds(owner_.settings().peer_timeout_ms);
   {
     std::lock_guard lock(out_mutex_);
-    if (closed_ || queue_.empty()) return;
+    if (closed_ || queued_ == 0) return;
     if (Clock::now() - last_progress_ < timeout) {
       stall_armed_ = true;
       stall_.expires_at(last_progress_ + timeout);
@@ -354,8 +324,8 @@ void Connection::OnStall() {
       return;
     }
   }
-  ARBOR_LOG(0, "LAN peer %u: took no byte for %d ms with %zu bytes queued; the peer is gone",
-            peer(), side_.options().peer_timeout_ms, static_cast<size_t>(queue_bytes()));
+  ARBOR_LOG(0, "%s peer %u: took no byte for %d ms with %zu bytes queued; the peer is gone",
+            name(), peer(), owner_.settings().peer_timeout_ms, static_cast<size_t>(queue_bytes()));
   Fail(QVNETS_DISCONNECT);
 }
 
@@ -370,6 +340,7 @@ void Connection::Fail(int status) {
     queued_ = 0;
     front_offset_ = 0;
     queue_bytes_.store(0, std::memory_order_relaxed);
+    drained_.notify_all();
   }
   asio::post(strand_, [self = shared_from_this(), status] { self->CloseOnStrand(status); });
 }
@@ -413,7 +384,13 @@ void Connection::CloseOnStrand(int status) {
   deadline_.cancel();
   stall_.cancel();
   socket_.close(ec);
-  side_.OnClosed(shared_from_this(), status);
+  owner_.OnClosed(shared_from_this(), status);
+}
+
+bool Connection::WaitDrained(std::chrono::milliseconds limit) {
+  std::unique_lock lock(out_mutex_);
+  return drained_.wait_for(lock, limit, [this] { return closed_ || queued_ == 0; }) &&
+         queued_ == 0;
 }
 
 void Connection::CloseNow() {

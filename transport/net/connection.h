@@ -1,5 +1,7 @@
-// connection.h - one TCP connection between two LAN peers: its opening
-// exchange, its read loop and its output queue.
+// connection.h - one TCP connection to another instance (a LAN peer, or the
+// service on the WAN), optionally under TLS: its opening exchange, its read
+// loop and its output queue. Its owner (link_owner.h) gives the settings and
+// hears the hello, every frame and the close.
 //
 // WHAT IS NEVER DROPPED. Control frames (type 3) and in-band frames (type 5)
 // are never dropped: when the output queue is over its budget they queue
@@ -20,6 +22,14 @@
 // they leave in the order their writes returned. A peer whose queue is not
 // empty and that takes no byte for the peer time-out is declared gone.
 //
+// THE LAN KEY. With a key in the owner's settings the hello says so (flag
+// bit 0) and is followed at once by a fresh random nonce; each side then
+// sends a proof, HMAC-SHA-256 over the key of both instance ids and both
+// nonces (its own id first, the peer's nonce first), and checks the peer's
+// in constant time. The owner hears the hello, and the engine any frame,
+// only after the peer's proof checked out. A side with a key refuses a
+// peer without one, and a side without a key a peer that asks for one.
+//
 // Reads are serialised: one read at a time per connection, on its strand, so
 // one peer's frames reach the engine in order. Every connection reads into
 // one buffer of kMaxFrame bytes allocated when it is made; nothing is
@@ -33,8 +43,10 @@
 #define ARBOR_NET_CONNECTION_H
 
 #include <asio.hpp>
+#include <asio/ssl.hpp>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -42,11 +54,10 @@
 #include <string>
 #include <vector>
 
+#include "link_owner.h"
 #include "wire_codec.h"
 
 namespace arbor::net {
-
-class LanSide;
 
 // How far past its budget a connection's queue may grow with frames that are
 // never dropped (control and in-band) before the peer is declared gone.
@@ -75,15 +86,23 @@ class Connection : public std::enable_shared_from_this<Connection> {
   enum class WriteResult { kAccepted, kDropped, kRefused };
 
   // A connection to dial (socket not yet open) for peer `peer`.
-  Connection(LanSide& side, Strand strand, uint16_t peer);
+  Connection(LinkOwner& owner, Strand strand, uint16_t peer);
   // An accepted connection; socket must run on strand.
-  Connection(LanSide& side, Strand strand, asio::ip::tcp::socket socket);
+  Connection(LinkOwner& owner, Strand strand, asio::ip::tcp::socket socket);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
+  // Puts the connection under TLS: before Dial (client: the peer's
+  // certificate is checked against ctx's trust store and its name against
+  // verify_host) or Accept (server: verify_host empty). A TLS connection
+  // never writes from the caller's thread: the TLS stream belongs to the
+  // strand, so every frame is copied into the queue (encryption copies it
+  // anyway) and the strand sends it. Strand or before the first use.
+  void UseTls(std::shared_ptr<asio::ssl::context> ctx, std::string verify_host);
+
   // Starts resolving and connecting to host:port, then the hello exchange.
-  // Any thread; returns at once. The outcome reaches LanSide::OnHello or
-  // LanSide::OnClosed on the strand.
+  // Any thread; returns at once. The outcome reaches the owner's OnHello or
+  // OnClosed on the strand.
   void Dial(std::string host, uint16_t port);
   // Starts the hello exchange of an accepted connection. Any thread.
   void Accept();
@@ -96,7 +115,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Declares the connection over: writes are refused from now on, the queue
   // is freed and the socket is closed on the strand, which then tells
-  // LanSide::OnClosed with status (0: report nothing). Any thread; only the
+  // the owner's OnClosed with status (0: report nothing). Any thread; only the
   // first call counts.
   void Fail(int status);
   // Stops taking writes, sends what is queued and then the moved notice, and
@@ -107,12 +126,19 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Closes the socket at once, reporting nothing. Only while no I/O thread
   // runs (the transport's stop).
   void CloseNow();
+  // Waits up to limit until everything queued has left (or the connection
+  // closed): for an orderly stop, so that the last frames, such as a
+  // sign-off, are not lost. true when the queue is empty. Never on the I/O
+  // thread, which is the one that drains it.
+  bool WaitDrained(std::chrono::milliseconds limit);
 
-  // Called by LanSide under its lock before the connection becomes a peer's
+  // Called by the owner under its lock before the connection becomes a peer's
   // link: the peer id to report and the counters to bump.
   void Bind(uint16_t peer, std::shared_ptr<PeerCounters> counters);
 
   bool dialled() const { return dialled_; }
+  // "LAN" or "WAN", for log lines.
+  const char* name() const { return owner_.settings().name; }
   uint16_t peer() const { return peer_.load(std::memory_order_relaxed); }
   // Bytes waiting in the output queue. Any thread.
   uint64_t queue_bytes() const { return queue_bytes_.load(std::memory_order_relaxed); }
@@ -120,15 +146,33 @@ class Connection : public std::enable_shared_from_this<Connection> {
   const std::string& remote_address() const { return remote_address_; }
 
  private:
-  enum class Phase { kIdle, kConnecting, kHello, kOpen, kClosed };
+  enum class Phase { kIdle, kConnecting, kHandshake, kHello, kProof, kOpen, kClosed };
 
   void OnConnected();
+  // Turns on the keepalive probes and user time-out of link_owner.h. Strand.
+  void SetKeepalive();
+  // TLS only: the handshake, then the hello. Strand.
+  void StartHandshake();
+  // TLS only: sends from the queue with the TLS stream, one write at a
+  // time. Strand.
+  void DrainTls();
   void StartHello();
   void StartRead();
   void OnRead(std::error_code ec, size_t n);
   // Parses the hello and then every whole frame in the read buffer and
   // delivers them. Returns false when the connection was failed.
   bool ParseBuffer();
+  // The hello (and with a key, the nonce) at the buffer's start. The bytes
+  // it used, 0 while more must arrive, or -1 when the connection failed.
+  ptrdiff_t TakeHello();
+  // The peer's proof at the buffer's start, checked: as TakeHello.
+  ptrdiff_t TakeProof();
+  // Hands the peer's hello to the owner and opens the connection for
+  // frames. false when the owner refused it (and failed it).
+  bool Open();
+  // HMAC-SHA-256 over the key of (from, to, nonce_a, nonce_b).
+  void Proof(uint64_t from, uint64_t to, const uint8_t* nonce_a, const uint8_t* nonce_b,
+             uint8_t out[kProofSize]) const;
   bool SubmitLocked(std::unique_lock<std::mutex>& lock, const void* head, size_t head_size,
                     const void* body, size_t body_size);
   void Drain();
@@ -139,9 +183,17 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // and closes it when the peer's side has ended too. Strand.
   void FinishRetiring();
 
-  LanSide& side_;
+  LinkOwner& owner_;
   Strand strand_;
   asio::ip::tcp::socket socket_;
+  // Set by UseTls; then every read and write goes through it (strand only).
+  std::shared_ptr<asio::ssl::context> tls_ctx_;
+  std::unique_ptr<asio::ssl::stream<asio::ip::tcp::socket&>> tls_;
+  std::string verify_host_;
+  bool tls_writing_ = false;  // strand only: a TLS write is in flight
+  // Strand only: the frames of the TLS write in flight, moved out of the
+  // queue so that Fail (any thread) cannot free them under the write.
+  std::vector<std::vector<uint8_t>> tls_inflight_;
   asio::ip::tcp::resolver resolver_;
   asio::steady_timer deadline_;  // connect and hello time-out
   asio::steady_timer stall_;     // peer time-out while the queue is not empty
@@ -157,6 +209,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool sent_ended_ = false;  // our sending side is shut down after retiring
   std::string remote_address_;
   std::unique_ptr<uint8_t[]> rbuf_;  // kMaxFrame bytes
+  Hello theirs_;                     // the peer's hello, kept through the proof
+  uint8_t my_nonce_[kNonceSize] = {};
+  uint8_t their_nonce_[kNonceSize] = {};
   size_t rfill_ = 0;
 
   std::mutex out_mutex_;
@@ -165,8 +220,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::deque<std::vector<uint8_t>> queue_;  // guarded by out_mutex_
   size_t front_offset_ = 0;                 // guarded by out_mutex_: sent part of queue_.front()
   size_t queued_ = 0;                       // guarded by out_mutex_: unsent bytes in queue_
+                                            // (and in tls_inflight_)
   std::chrono::steady_clock::time_point last_progress_;  // guarded by out_mutex_
   std::atomic<uint64_t> queue_bytes_{0};    // mirror of queued_ for statistics
+  std::condition_variable drained_;         // with out_mutex_: queued_ fell to 0, or closed
 };
 
 }  // namespace arbor::net

@@ -2,6 +2,7 @@
 // library's dictionary.
 #include "lan_options.h"
 
+#include <asio/ip/address.hpp>
 #include <cstring>
 
 #include "arbor/support.h"
@@ -9,10 +10,6 @@
 namespace arbor::net {
 namespace {
 
-// Keys of features that this build does not have yet. Accepting them would
-// make a host believe the LAN is keyed or announced.
-constexpr const char* kNotYetKeys[] = {"key", "presence", "presence_group",
-                                       "presence_port", "presence_interval_ms"};
 
 // Reads an integer option within [low, high] into *out when the key is
 // present. Returns false, logged, for a value that is not such a number.
@@ -30,6 +27,41 @@ bool read_int(Dict dict, const char* key, int64_t low, int64_t high, int64_t* ou
   return true;
 }
 
+// Reads the presence keys into *out. false, logged, for a malformed one.
+bool read_presence(Dict dict, LanOptions* out) {
+  bool ok = true;
+  if (const char* iface = DictGetStr(dict, "presence")) {
+    if (iface[0] == '\0') {
+      ARBOR_LOG(0, "InitLAN: option presence= is empty; name the interface or local IPv4 "
+                   "address to announce on, or leave the key out to keep presence off");
+      ok = false;
+    }
+    out->presence_interface = iface;
+  }
+  if (const char* group = DictGetStr(dict, "presence_group")) {
+    std::error_code ec;
+    const asio::ip::address address = asio::ip::make_address(group, ec);
+    if (ec || !address.is_v4() || !address.is_multicast()) {
+      ARBOR_LOG(0, "InitLAN: option presence_group=%s: give an IPv4 multicast address, best "
+                   "in 239.255.0.0/16 (default %s)", group, kDefaultPresenceGroup);
+      ok = false;
+    }
+    out->presence_group = group;
+  }
+  int64_t port = out->presence_port, interval = out->presence_interval_ms;
+  ok = read_int(dict, "presence_port", 1, 65535, &port) && ok;
+  ok = read_int(dict, "presence_interval_ms", kMinPresenceIntervalMs, kMaxPresenceIntervalMs,
+                &interval) && ok;
+  out->presence_port = static_cast<uint16_t>(port);
+  out->presence_interval_ms = static_cast<int>(interval);
+  // The time-out follows the interval unless it is given.
+  int64_t timeout = interval * kPresenceLostAnnouncements + kPresenceTimeoutMarginMs;
+  ok = read_int(dict, "presence_timeout_ms", interval * kMinPresenceIntervalsPerTimeout,
+                kMaxPeerTimeoutMs, &timeout) && ok;
+  out->presence_timeout_ms = static_cast<int>(timeout);
+  return ok;
+}
+
 }  // namespace
 
 bool lan_options_parse(const char* text, LanOptions* out) {
@@ -41,10 +73,14 @@ bool lan_options_parse(const char* text, LanOptions* out) {
     return false;
   }
   bool ok = true;
-  for (const char* key : kNotYetKeys) {
-    if (DictGetStr(dict, key) != nullptr) {
-      ARBOR_LOG(0, "InitLAN: option %s is not supported by this build yet; remove it", key);
+  if (const char* key = DictGetStr(dict, "key")) {
+    const size_t length = std::strlen(key);
+    if (length < kMinKeyLength || length > kMaxKeyLength) {
+      ARBOR_LOG(0, "InitLAN: option key: give a secret of %zu to %zu characters", kMinKeyLength,
+                kMaxKeyLength);
       ok = false;
+    } else {
+      out->key = key;
     }
   }
   if (const char* listen = DictGetStr(dict, "listen")) out->listen = listen;
@@ -56,6 +92,7 @@ bool lan_options_parse(const char* text, LanOptions* out) {
   ok = read_int(dict, "budget", kMinBudget, kMaxBudget, &budget) && ok;
   ok = read_int(dict, "version", 0, 65535, &version) && ok;
   ok = read_int(dict, "peer_timeout_ms", kMinPeerTimeoutMs, kMaxPeerTimeoutMs, &timeout) && ok;
+  ok = read_presence(dict, out) && ok;
   DictDestroy(dict);
   out->port = static_cast<uint16_t>(port);
   out->io_threads = static_cast<int>(threads);

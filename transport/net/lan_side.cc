@@ -5,37 +5,36 @@
 
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <utility>
 
 #include "arbor/support.h"
 
 namespace arbor::net {
-namespace {
-
-// A random instance id, never 0: a peer that reconnects is told from a new
-// one by it, and the lower one decides between crossed connections.
-uint64_t make_instance_id() {
-  std::random_device rd;
-  uint64_t id = 0;
-  while (id == 0) id = (static_cast<uint64_t>(rd()) << 32) ^ rd();
-  return id;
-}
-
-}  // namespace
 
 LanSide::LanSide(const LanOptions& options, Handler handler)
-    : options_(options), handler_(std::move(handler)), instance_(make_instance_id()),
-      work_(asio::make_work_guard(io_)), accept_strand_(asio::make_strand(io_)),
-      acceptor_(accept_strand_) {}
+    : options_(options), handler_(std::move(handler)), instance_(new_instance_id()),
+      accept_strand_(asio::make_strand(io())),
+      acceptor_(accept_strand_) {
+  settings_.name = "LAN";
+  settings_.instance = instance_;
+  settings_.version = options_.version;
+  settings_.budget = options_.budget;
+  settings_.peer_timeout_ms = options_.peer_timeout_ms;
+  settings_.key = options_.key;
+}
 
 LanSide::~LanSide() { Stop(); }
 
 std::unique_ptr<LanSide> LanSide::Start(const LanOptions& options, Handler handler) {
   std::unique_ptr<LanSide> side(new LanSide(options, std::move(handler)));
   if (!side->Listen()) return nullptr;  // no thread started yet
+  if (!options.presence_interface.empty()) {
+    const Presence::Self self{side->instance_, side->port_, options.version};
+    side->presence_ = Presence::Start(side->io(), options, self, *side);
+    if (side->presence_ == nullptr) return nullptr;
+  }
   side->AcceptNext();
-  for (int i = 0; i < options.io_threads; ++i) side->threads_.emplace_back([s = side.get()] { s->RunIo(); });
+  side->io_threads_.Start(options.io_threads);
   ARBOR_LOG(2, "LAN on: listening on %s:%u, %d I/O thread(s), instance %016llx",
             options.listen.c_str(), side->port_, options.io_threads,
             static_cast<unsigned long long>(side->instance_));
@@ -61,25 +60,13 @@ bool LanSide::Listen() {
     return false;
   }
   port_ = acceptor_.local_endpoint(ec).port();
+  settings_.listen_port = port_;
   return true;
-}
-
-void LanSide::RunIo() {
-  for (;;) {
-    try {
-      io_.run();
-      return;
-    } catch (const std::exception& e) {
-      // A handler threw (out of memory, or the engine's handler in C++ form):
-      // log it and keep the loop, so the other connections live on.
-      ARBOR_LOG(0, "LAN I/O thread: %s", e.what());
-    }
-  }
 }
 
 // One accept at a time, on accept_strand_; each new socket gets a strand.
 void LanSide::AcceptNext() {
-  auto strand = asio::make_strand(io_);
+  auto strand = asio::make_strand(io());
   acceptor_.async_accept(strand, [this, strand](std::error_code ec, asio::ip::tcp::socket socket) {
     if (ec == asio::error::operation_aborted || stopping_.load()) return;
     if (!ec) {
@@ -104,22 +91,18 @@ void LanSide::AcceptNext() {
 }
 
 bool LanSide::Stop() {
-  for (const std::thread& t : threads_) {
-    if (t.get_id() == std::this_thread::get_id()) {
-      ARBOR_LOG(0, "UnInitLAN: called on a transport thread (inside a callback); call it from "
-                   "another thread");
-      return false;
-    }
+  if (io_threads_.OnIoThread()) {
+    ARBOR_LOG(0, "UnInitLAN: called on a transport thread (inside a callback); call it from "
+                 "another thread");
+    return false;
   }
   std::lock_guard stop_lock(stop_mutex_);
   if (stopped_) return true;
   stopped_ = true;
   stopping_.store(true);
-  work_.reset();
-  io_.stop();
-  for (std::thread& t : threads_) t.join();
-  threads_.clear();
+  io_threads_.Stop();
   // No I/O thread runs now: sockets may be closed from here.
+  if (presence_ != nullptr) presence_->Stop();
   std::error_code ec;
   acceptor_.close(ec);
   std::lock_guard lock(mutex_);
@@ -160,7 +143,7 @@ int32_t LanSide::Connect(uint16_t id) {
       return -1;
     }
     if (peer->link != nullptr) {
-      asio::post(io_, [this, id] { Deliver(id, 0, QVNETS_SUCCESS, 0, nullptr); });
+      asio::post(io(), [this, id] { Deliver(id, 0, QVNETS_SUCCESS, 0, nullptr); });
       return 0;
     }
     if (peer->dial != nullptr) return 0;  // its outcome will be reported
@@ -172,7 +155,7 @@ int32_t LanSide::Connect(uint16_t id) {
       ARBOR_LOG(0, "LANConRemoteHostInfo(%u): %zu connections open already", id, kMaxConnections);
       return -1;
     }
-    conn = std::make_shared<Connection>(*this, asio::make_strand(io_), id);
+    conn = std::make_shared<Connection>(*this, asio::make_strand(io()), id);
     peer->dial = conn;
     all_.insert(conn);
     host = peer->host;
@@ -185,12 +168,6 @@ int32_t LanSide::Connect(uint16_t id) {
 bool LanSide::OnHello(const std::shared_ptr<Connection>& conn, const Hello& hello) {
   if (hello.instance == instance_) {
     ARBOR_LOG(0, "LAN connection %s: it is this transport itself; not a peer",
-              conn->remote_address().c_str());
-    conn->Fail(QVNETS_FAIL);
-    return false;
-  }
-  if ((hello.flags & kHelloFlagKeyRequired) != 0) {
-    ARBOR_LOG(0, "LAN connection %s: the peer requires a LAN key and none is set here",
               conn->remote_address().c_str());
     conn->Fail(QVNETS_FAIL);
     return false;
@@ -212,7 +189,8 @@ bool LanSide::OnHello(const std::shared_ptr<Connection>& conn, const Hello& hell
         peer = peers_.FindByAddress(conn->remote_address(), hello.listen_port);
         if (peer != nullptr && peer->instance != 0) peer = nullptr;
       }
-      if (peer == nullptr) peer = peers_.Add(conn->remote_address(), hello.listen_port);
+      if (peer == nullptr)
+        peer = peers_.Add(conn->remote_address(), hello.listen_port, Found::kAccepted);
       if (peer != nullptr && peer->port == 0) peer->port = hello.listen_port;
     }
     if (peer == nullptr) {
@@ -327,6 +305,9 @@ bool LanSide::Stats(uint16_t id, arbor_net_peer_info* out) {
   out->media_dropped = c.media_dropped.load(std::memory_order_relaxed);
   out->queue_bytes = peer->link != nullptr ? peer->link->queue_bytes() : 0;
   out->reconnects = c.reconnects.load(std::memory_order_relaxed);
+  out->version = peer->version;
+  out->found = static_cast<uint8_t>(peer->found);
+  out->present = peer->present ? 1 : 0;
   return true;
 }
 
@@ -336,6 +317,76 @@ std::vector<uint16_t> LanSide::PeerIds() {
   ids.reserve(peers_.size());
   for (const auto& [id, peer] : peers_.all()) ids.push_back(id);
   return ids;
+}
+
+// ------------------------------------------------------------ presence
+
+void LanSide::SetPresenceText(const char* text, uint16_t size) {
+  if (presence_ != nullptr) presence_->SetText(text, size);
+}
+
+bool LanSide::PresenceText(uint16_t id, std::string* out) {
+  std::lock_guard lock(mutex_);
+  Peer* peer = peers_.Find(id);
+  if (peer == nullptr) return false;
+  *out = peer->presence_text;
+  return true;
+}
+
+int64_t LanSide::PresenceDropped() const {
+  return presence_ != nullptr ? static_cast<int64_t>(presence_->dropped()) : -1;
+}
+
+void LanSide::OnAnnouncement(const Announcement& a, const std::string& host) {
+  const auto now = std::chrono::steady_clock::now();
+  Heard heard;
+  std::vector<Gone> gone;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_.load()) return;
+    if ((a.flags & kPresenceFlagBye) != 0) {
+      gone = peers_.ExpirePresence(now, std::chrono::milliseconds(options_.presence_timeout_ms),
+                                   a.instance);
+    } else {
+      heard = peers_.OnAnnouncement(a, host, now);
+    }
+  }
+  ReportGone(std::move(gone));
+  if (heard.id == 0 && (a.flags & kPresenceFlagBye) == 0) {
+    ARBOR_LOG(2, "LAN presence: %s heard, but %zu peers are known already", host.c_str(),
+              kMaxPeers);
+  }
+  if (heard.status > 0) {
+    char text[128];
+    const int n = std::snprintf(text, sizeof text,
+                                "MainCmd=LocalData;status=%d;VERSION=%u;Ip=%s;QVID=%u;",
+                                heard.status, heard.version, heard.host.c_str(), heard.id);
+    if (n > 0 && static_cast<size_t>(n) < sizeof text)  // the terminator is counted, as the engine does
+      Deliver(heard.id, 0, QVTP_CONTROL, static_cast<uint32_t>(n) + 1, text);
+  }
+}
+
+void LanSide::OnPresenceTick() {
+  std::vector<Gone> gone;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_.load()) return;
+    gone = peers_.ExpirePresence(std::chrono::steady_clock::now(),
+                                 std::chrono::milliseconds(options_.presence_timeout_ms));
+  }
+  ReportGone(std::move(gone));
+}
+
+void LanSide::ReportGone(std::vector<Gone> gone) {
+  for (Gone& g : gone) {
+    // Out of the entry already, so their close reports nothing more.
+    if (g.link != nullptr) g.link->Fail(0);
+    if (g.dial != nullptr) g.dial->Fail(0);
+    ARBOR_LOG(2, "LAN presence: peer %u silent or leaving; gone", g.id);
+    char text[64];
+    const int n = std::snprintf(text, sizeof text, "MainCmd=LocalData;status=0;QVID=%u;", g.id);
+    Deliver(g.id, 0, QVTP_CONTROL, static_cast<uint32_t>(n) + 1, text);
+  }
 }
 
 }  // namespace arbor::net

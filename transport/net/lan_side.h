@@ -28,8 +28,11 @@
 #include "arbor/net.h"
 #include "arbor/transport.h"
 #include "connection.h"
+#include "io_threads.h"
+#include "link_owner.h"
 #include "lan_options.h"
 #include "peer_table.h"
+#include "presence.h"
 
 namespace arbor::net {
 
@@ -37,7 +40,7 @@ namespace arbor::net {
 // are closed at once, so strangers cannot take unbounded sockets or memory.
 inline constexpr size_t kMaxConnections = 512;
 
-class LanSide {
+class LanSide : public LinkOwner, public PresenceListener {
  public:
   // The engine's LAN callback in C++ form: (from, pipe, type, size, data).
   using Handler = std::function<void(uint32_t, uint32_t, uint32_t, uint32_t, const void*)>;
@@ -74,33 +77,48 @@ class LanSide {
   // Ids of every known peer, increasing.
   std::vector<uint16_t> PeerIds();
 
+  // ---- presence (presence.h); the peer table keeps its rules ----
+  // Sets the text presence announces (at most kMaxPresenceText bytes); kept
+  // and ignored while presence is off. Any thread, never blocks.
+  void SetPresenceText(const char* text, uint16_t size);
+  // The text peer id announced last ("" if none); false for an unknown id.
+  bool PresenceText(uint16_t id, std::string* out);
+  // Malformed presence datagrams dropped, or -1 while presence is off.
+  int64_t PresenceDropped() const;
+  void OnAnnouncement(const Announcement& a, const std::string& host) override;
+  void OnPresenceTick() override;
+
   // ---- for connections, on their strand ----
   const LanOptions& options() const { return options_; }
   uint64_t instance() const { return instance_; }
-  asio::io_context& io() { return io_; }
-  // Binds a connection whose hello arrived to its peer entry. false when the
-  // connection must not go on; it has then been failed.
-  bool OnHello(const std::shared_ptr<Connection>& conn, const Hello& hello);
+  asio::io_context& io() { return io_threads_.io(); }
+  const LinkSettings& settings() const override { return settings_; }
+  // Binds a connection whose hello (and key proof) arrived to its peer
+  // entry. false when the connection must not go on; it has then been failed.
+  bool OnHello(const std::shared_ptr<Connection>& conn, const Hello& hello) override;
   // A connection closed; reports 7 (a peer's link) or status (a dial) as due.
-  void OnClosed(const std::shared_ptr<Connection>& conn, int status);
+  void OnClosed(const std::shared_ptr<Connection>& conn, int status) override;
   // Calls the engine's handler unless the LAN is stopping. No lock held.
-  void Deliver(uint32_t from, uint32_t pipe, uint32_t type, uint32_t size, const void* data);
+  void Deliver(uint32_t from, uint32_t pipe, uint32_t type, uint32_t size,
+               const void* data) override;
 
  private:
   LanSide(const LanOptions& options, Handler handler);
   bool Listen();
   void AcceptNext();
-  void RunIo();
+  // Closes the links of peers presence declared gone, quietly, and tells the
+  // engine status 0 for each. No lock held.
+  void ReportGone(std::vector<Gone> gone);
 
   const LanOptions options_;
   const Handler handler_;
   const uint64_t instance_;
-  asio::io_context io_;
-  asio::executor_work_guard<asio::io_context::executor_type> work_;
+  LinkSettings settings_;  // fixed once Listen has the port
+  IoThreads io_threads_{"LAN"};  // declared before everything that runs on it
   asio::strand<asio::io_context::executor_type> accept_strand_;
   asio::ip::tcp::acceptor acceptor_;
   uint16_t port_ = 0;
-  std::vector<std::thread> threads_;
+  std::unique_ptr<Presence> presence_;  // null while presence is off; made by Start
   std::atomic<bool> stopping_{false};
   std::mutex stop_mutex_;  // one Stop at a time
   bool stopped_ = false;   // guarded by stop_mutex_

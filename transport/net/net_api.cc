@@ -7,17 +7,19 @@
 // destroyed, so no function finds it gone during the process's exit;
 // NetClose stops everything it runs instead.
 //
-// The WAN road is the next step of this library: until it lands InitWAN,
-// ConRemoteHostInfo and NetWrite fail with -1 and a level-0 line, so a host
-// that signs in learns at once that this build has no WAN.
+// The WAN functions live in wan_api.cc, over their own link.
 #include <exception>
 
 #include "arbor/net.h"
 #include "arbor/support.h"
 #include "arbor/transport.h"
+#include "c_boundary.h"
 #include "net_transport.h"
+#include "wan_api.h"
 
 namespace {
+
+using arbor::net::guarded;
 
 using arbor::net::Transport;
 
@@ -26,18 +28,6 @@ Transport& instance() {
   return *transport;
 }
 
-// Runs body, turning any exception into -1 with a log line naming where.
-template <typename Body>
-int32_t guarded(const char* where, Body body) {
-  try {
-    return body();
-  } catch (const std::exception& e) {
-    ARBOR_LOG(0, "%s: %s", where, e.what());
-  } catch (...) {
-    ARBOR_LOG(0, "%s: unknown exception", where);
-  }
-  return -1;
-}
 
 }  // namespace
 
@@ -51,28 +41,10 @@ int32_t NetOpen(void) {
 }
 
 int32_t NetClose(void) {
-  return guarded("NetClose", [] { return instance().UninitLan(); });
-}
-
-int32_t InitWAN(WanCallback callback) {
-  (void)callback;
-  ARBOR_LOG(0, "InitWAN: this build of libarbor-net has no WAN yet; use the LAN");
-  return -1;
-}
-
-int32_t UnInitWAN(void) { return 0; }
-
-int32_t ConRemoteHostInfo(const ConnectTarget* target) {
-  (void)target;
-  ARBOR_LOG(0, "ConRemoteHostInfo: this build of libarbor-net has no WAN yet");
-  return -1;
-}
-
-int32_t NetWrite(const PacketHeader* header, const void* data, uint16_t size) {
-  (void)header;
-  (void)data;
-  (void)size;
-  return -1;
+  return guarded("NetClose", [] {
+    const int32_t wan = arbor::net::wan_close();
+    return instance().UninitLan() < 0 ? -1 : wan;
+  });
 }
 
 int32_t InitLAN(LanCallback callback, intptr_t a, intptr_t b, intptr_t c) {
@@ -127,6 +99,19 @@ int32_t arbor_net_peer_stats(uint16_t id, arbor_net_peer_info* out) {
 
 int32_t arbor_net_peers(uint16_t* ids, int32_t capacity) {
   return guarded("arbor_net_peers", [=] { return instance().Peers(ids, capacity); });
+}
+
+int32_t arbor_net_peer_presence(uint16_t id, char* text, size_t capacity) {
+  return guarded("arbor_net_peer_presence",
+                 [=] { return instance().PeerPresence(id, text, capacity); });
+}
+
+int64_t arbor_net_presence_dropped(void) {
+  try {
+    return instance().PresenceDropped();
+  } catch (...) {
+    return -1;  // cannot throw: a load and a lock
+  }
 }
 
 ARBOR_END_DECLS

@@ -2,6 +2,7 @@
 // one transport instance.
 #include "net_transport.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -27,6 +28,9 @@ int32_t Transport::InitLan(LanSide::Handler handler, const char* options) {
   }
   std::unique_ptr<LanSide> side = LanSide::Start(parsed, std::move(handler));
   if (side == nullptr) return -1;
+  // A text given before the LAN was on is announced from the start.
+  if (presence_given_)
+    side->SetPresenceText(presence_.data(), static_cast<uint16_t>(presence_.size()));
   lan_ = std::move(side);
   return 0;
 }
@@ -91,6 +95,10 @@ int32_t Transport::SetPresence(const char* text, uint16_t size) {
   }
   std::lock_guard lock(mutex_);
   presence_.assign(text != nullptr ? text : "", size);
+  presence_given_ = true;
+  // Under mutex_, so that two calls reach presence in the order they kept
+  // the text; SetPresenceText only copies and posts.
+  if (lan_ != nullptr) lan_->SetPresenceText(presence_.data(), size);
   return 0;
 }
 
@@ -108,6 +116,24 @@ int32_t Transport::PeerStats(uint16_t id, arbor_net_peer_info* out) {
   std::shared_ptr<LanSide> side = lan();
   if (side == nullptr || out == nullptr) return -1;
   return side->Stats(id, out) ? 0 : -1;
+}
+
+int32_t Transport::PeerPresence(uint16_t id, char* text, size_t capacity) {
+  if (text == nullptr && capacity > 0) return -1;
+  std::shared_ptr<LanSide> side = lan();
+  std::string announced;
+  if (side == nullptr || !side->PresenceText(id, &announced)) return -1;
+  if (capacity > 0) {
+    const size_t n = std::min(announced.size(), capacity - 1);
+    std::memcpy(text, announced.data(), n);
+    text[n] = '\0';
+  }
+  return static_cast<int32_t>(announced.size());
+}
+
+int64_t Transport::PresenceDropped() {
+  std::shared_ptr<LanSide> side = lan();
+  return side == nullptr ? -1 : side->PresenceDropped();
 }
 
 int32_t Transport::Peers(uint16_t* ids, int32_t capacity) {

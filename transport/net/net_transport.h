@@ -25,8 +25,6 @@
 
 namespace arbor::net {
 
-// Longest presence text kept (what one presence datagram can carry).
-inline constexpr size_t kMaxPresenceText = 2048;
 // Longest host text AddLANEP takes: a DNS name is at most 253 bytes.
 inline constexpr size_t kMaxHostText = 255;
 
@@ -54,7 +52,8 @@ class Transport {
   // positive size, or the LAN off.
   int32_t LanWrite(uint16_t id, const PacketHeader* header, const void* data, uint16_t size);
   // LANReFlash: keeps a copy of the text (at most kMaxPresenceText bytes;
-  // longer is refused with -1, the old text kept). 0.
+  // longer is refused with -1, the old text kept) and hands it to presence,
+  // now if the LAN is on, else when it starts. 0.
   int32_t SetPresence(const char* text, uint16_t size);
   std::string presence();
 
@@ -62,6 +61,8 @@ class Transport {
   int32_t LanPort();
   int32_t PeerStats(uint16_t id, arbor_net_peer_info* out);
   int32_t Peers(uint16_t* ids, int32_t capacity);
+  int32_t PeerPresence(uint16_t id, char* text, size_t capacity);
+  int64_t PresenceDropped();
 
  private:
   std::shared_ptr<LanSide> lan();
@@ -69,6 +70,7 @@ class Transport {
   std::mutex mutex_;
   std::shared_ptr<LanSide> lan_;  // guarded by mutex_
   std::string presence_;          // guarded by mutex_
+  bool presence_given_ = false;   // guarded by mutex_: LANReFlash was called
 };
 
 }  // namespace arbor::net

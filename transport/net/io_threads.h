@@ -1,0 +1,70 @@
+// io_threads.h - an io_context and the threads that run it: the engine of
+// each side of the transport (the LAN side, the WAN link).
+//
+// The threads run until Stop; a handler that throws (out of memory, or the
+// engine's callback in C++ form) is logged and the loop goes on, so one bad
+// call does not end every connection. Stop may not be called from one of
+// these threads, which cannot join themselves.
+#ifndef ARBOR_NET_IO_THREADS_H
+#define ARBOR_NET_IO_THREADS_H
+
+#include <asio.hpp>
+#include <thread>
+#include <vector>
+
+#include "arbor/support.h"
+
+namespace arbor::net {
+
+class IoThreads {
+ public:
+  // name is for log lines ("LAN", "WAN") and must outlive the object.
+  explicit IoThreads(const char* name) : name_(name), work_(asio::make_work_guard(io_)) {}
+  ~IoThreads() { Stop(); }
+  IoThreads(const IoThreads&) = delete;
+  IoThreads& operator=(const IoThreads&) = delete;
+
+  asio::io_context& io() { return io_; }
+
+  // Starts count threads. Throws (std::system_error) when none can be made.
+  void Start(int count) {
+    for (int i = 0; i < count; ++i) threads_.emplace_back([this] { Run(); });
+  }
+
+  // True on one of these threads.
+  bool OnIoThread() const {
+    for (const std::thread& t : threads_)
+      if (t.get_id() == std::this_thread::get_id()) return true;
+    return false;
+  }
+
+  // Stops the loop and joins the threads: no handler runs after it returns.
+  // Idempotent; the caller is not one of the threads (OnIoThread).
+  void Stop() {
+    work_.reset();
+    io_.stop();
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+  }
+
+ private:
+  void Run() {
+    for (;;) {
+      try {
+        io_.run();
+        return;
+      } catch (const std::exception& e) {
+        ARBOR_LOG(0, "%s I/O thread: %s", name_, e.what());
+      }
+    }
+  }
+
+  const char* const name_;
+  asio::io_context io_;
+  asio::executor_work_guard<asio::io_context::executor_type> work_;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace arbor::net
+
+#endif  // ARBOR_NET_IO_THREADS_H
