@@ -55,6 +55,44 @@
  * reaches it as "MainCmd=LocalData;status=0;QVID=<id>;": its connection is
  * closed without a further status 7, and an entry that presence made is
  * forgotten (its id is not given again before every other id was).
+ *
+ * The functions of arbor/transport.h, as libarbor-net answers them. "Any
+ * thread" includes the transport's own threads inside the callbacks.
+ *   NetOpen        any thread, once; never blocks. 0.
+ *   NetClose       stops the WAN (as UnInitWAN) and the LAN (as UnInitLAN);
+ *                  blocks until their threads are joined. 0, or -1 when
+ *                  called on a transport thread (nothing stopped).
+ *   InitWAN        starts the WAN's one I/O thread; never blocks. 0 (also
+ *                  when already on), -1 for a null callback.
+ *   ConRemoteHostInfo  any thread; returns at once, the outcome comes as a
+ *                  status (9, 6, 8). 0; -1 with a level-0 line for a null
+ *                  record, an unterminated host, port 0, a protocol other
+ *                  than 3 or 14, trusted CAs that cannot be loaded, or the
+ *                  WAN not initialised.
+ *   NetWrite       any thread; never blocks, never waits for a callback.
+ *                  size (also when a media frame was dropped over the
+ *                  budget); -1 when the link is not up, the frame type is
+ *                  not 3, 4 or 5, or the link had to be closed.
+ *   UnInitWAN      waits up to 1 s for queued frames to leave, then closes
+ *                  the link and joins the thread: no WAN callback runs after
+ *                  it returns. 0; -1 on the WAN's own thread.
+ *   InitLAN        listens and starts the LAN's threads (the first word is
+ *                  the option text above). 0 (also when already on), -1
+ *                  with a level-0 line saying what to do.
+ *   UnInitLAN      announces the departure (presence), closes every peer
+ *                  and joins the threads: no LAN callback runs after it
+ *                  returns. Its words are not used. 0; -1 on a LAN thread.
+ *   LANNetWrite    any thread; never blocks. To peer 0: to every connected
+ *                  peer. size on success (also when media was dropped), -1
+ *                  for an unknown or unconnected peer or the LAN off.
+ *   LANReFlash     any thread; keeps a copy (at most 2048 bytes; longer: -1,
+ *                  the old text kept) and announces it when presence is on.
+ *   AddLANEP       first word a host text (name or address), second the
+ *                  TCP port; finds or adds the peer. Its id, or -1 (logged)
+ *                  for a bad host or port, the LAN off or a full table.
+ *   LANConRemoteHostInfo  any thread; returns at once, the outcome comes as
+ *                  a status (9, 6, 8; 9 again at once when already up). 0,
+ *                  or -1 for an unknown peer or the LAN off.
  */
 #ifndef ARBOR_NET_H
 #define ARBOR_NET_H
@@ -66,7 +104,7 @@
 
 ARBOR_BEGIN_DECLS
 
-/* Statistics of one known LAN peer, 320 bytes. */
+/* Statistics of one known LAN peer, 328 bytes. */
 typedef struct arbor_net_peer_info {
   uint16_t id;            /* the peer id the engine sees as "from" */
   uint16_t listen_port;   /* the port this peer is dialled on; 0: unknown */
