@@ -150,4 +150,23 @@ TEST(NetPresenceTable, SilentOrLeavingPeersAreGoneAndOnlyPresenceEntriesForgotte
   (void)third;
 }
 
+// On a keyed LAN a peer whose link proved the key outlives datagrams that
+// say it left (anyone can send those); one without a link does not.
+TEST(NetPresenceTable, DatagramsNeverEndALinkOfAKeyedLan) {
+  PeerTable t;
+  const auto start = std::chrono::steady_clock::now();
+  const uint16_t linked = t.OnAnnouncement(Make(5, "a=5;"), "10.0.0.9", start).id;
+  const uint16_t unlinked = t.OnAnnouncement(Make(6, "a=6;"), "10.0.0.10", start).id;
+  // The table only asks whether a link is there: a stand-in pointer will do.
+  static int stand_in;
+  t.Find(linked)->link = std::shared_ptr<arbor::net::Connection>(
+      std::shared_ptr<void>(), reinterpret_cast<arbor::net::Connection*>(&stand_in));
+  EXPECT_TRUE(t.ExpirePresence(start, 1000ms, 5, true).empty()) << "a forged bye";
+  const std::vector<Gone> gone = t.ExpirePresence(start + 5000ms, 1000ms, 0, true);
+  ASSERT_EQ(gone.size(), 1u);
+  EXPECT_EQ(gone[0].id, unlinked);
+  EXPECT_NE(t.Find(linked)->link, nullptr);
+  t.Find(linked)->link.reset();
+}
+
 }  // namespace

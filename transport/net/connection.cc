@@ -67,9 +67,12 @@ void Connection::OnRead(std::error_code ec, size_t n) {
   const int lost = phase_ == Phase::kOpen ? QVNETS_DISCONNECT : QVNETS_FAIL;
   if (ec == asio::error::eof && moved_ && rfill_ == 0) {
     // The peer retired this connection for another one to us: keep writing
-    // here until that one replaces it, then close quietly.
+    // here until that one replaces it, then close quietly. If no
+    // replacement comes (this side never learned of one), the connection
+    // is what the peer left: after kRetireLimit it counts as dropped.
     read_ended_ = true;
     FinishRetiring();
+    ArmRetireLimit(QVNETS_DISCONNECT);
     return;
   }
   if (ec) {
@@ -191,15 +194,22 @@ bool Connection::SubmitLocked(std::unique_lock<std::mutex>& lock, const void* he
     if (taken == head_size + body_size) return true;
   }
   if (was_empty) last_progress_ = Clock::now();  // the peer time-out counts from here
-  std::vector<uint8_t> rest;
-  rest.reserve(head_size + body_size - taken);
+  // Small frames share the last entry, so that what a slow peer costs in
+  // memory stays near the bytes the budget counts rather than one
+  // allocation per frame. Appending is safe under the lock: no send holds
+  // a pointer into the queue beyond it (a TLS write owns its own entries).
+  const size_t left = head_size + body_size - taken;
+  if (queue_.empty() || queue_.back().size() + left > kMaxFrame) {
+    queue_.emplace_back();
+    queue_.back().reserve(left);
+  }
+  std::vector<uint8_t>& rest = queue_.back();
   const auto* h = static_cast<const uint8_t*>(head);
   const auto* b = static_cast<const uint8_t*>(body);
   if (taken < head_size) rest.insert(rest.end(), h + taken, h + head_size);
   const size_t body_from = taken > head_size ? taken - head_size : 0;
   if (body_size > body_from) rest.insert(rest.end(), b + body_from, b + body_size);
-  queued_ += rest.size();
-  queue_.push_back(std::move(rest));
+  queued_ += left;
   queue_bytes_.store(queued_, std::memory_order_relaxed);
   if (was_empty) asio::post(strand_, [self = shared_from_this()] { self->Drain(); });
   return true;
@@ -358,6 +368,19 @@ void Connection::Retire() {
       if (!self->SubmitLocked(lock, head, sizeof head, nullptr, 0)) return;
     }
     self->FinishRetiring();
+    // A peer that never ends its side does not keep this one for ever.
+    self->ArmRetireLimit(0);
+  });
+}
+
+void Connection::ArmRetireLimit(int status) {
+  deadline_.expires_after(kRetireLimit);
+  deadline_.async_wait([self = shared_from_this(), status](std::error_code ec) {
+    if (ec || self->phase_ == Phase::kClosed) return;
+    ARBOR_LOG(2, "%s connection %s (peer %u): retired %lld ms ago and still open; closing",
+              self->name(), self->remote_address_.c_str(), self->peer(),
+              static_cast<long long>(kRetireLimit.count()));
+    self->Fail(status);
   });
 }
 

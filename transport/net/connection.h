@@ -68,6 +68,10 @@ inline constexpr std::chrono::milliseconds kConnectTimeout{5000};
 // Longest wait for the peer's hello once TCP is up; past it the connection
 // is closed (status 6 for the dialler).
 inline constexpr std::chrono::milliseconds kHelloTimeout{5000};
+// Longest life of a connection retired for another one to the same peer:
+// by then both sides have moved to the survivor. One the peer retired and
+// this side did not is then what the peer left, and counts as dropped.
+inline constexpr std::chrono::milliseconds kRetireLimit{5000};
 
 // Per-peer counters, shared by the peer entry and its connections; relaxed
 // atomics, cheap enough to leave on.
@@ -182,6 +186,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Shuts down our sending side once a retired connection's queue is empty,
   // and closes it when the peer's side has ended too. Strand.
   void FinishRetiring();
+  // Fails the connection with status if it is still open kRetireLimit from
+  // now. Strand.
+  void ArmRetireLimit(int status);
 
   LinkOwner& owner_;
   Strand strand_;

@@ -190,6 +190,14 @@ ptrdiff_t Connection::TakeHello() {
     Fail(QVNETS_FAIL);
     return -1;
   }
+  // Our own instance id is a connection to ourselves, or our hello sent
+  // back: refused before any proof of ours goes out.
+  if (theirs_.instance == owner_.settings().instance) {
+    ARBOR_LOG(0, "%s connection %s: the peer speaks with our own instance id; closing", name(),
+              remote_address_.c_str());
+    Fail(QVNETS_FAIL);
+    return -1;
+  }
   const bool keyed = !owner_.settings().key.empty();
   const bool asks = (theirs_.flags & kHelloFlagKeyRequired) != 0;
   if (keyed != asks) {
@@ -202,6 +210,12 @@ ptrdiff_t Connection::TakeHello() {
   if (!keyed) return static_cast<ptrdiff_t>(kHelloSize);
   if (rfill_ < kHelloSize + kNonceSize) return 0;
   std::memcpy(their_nonce_, rbuf_.get() + kHelloSize, kNonceSize);
+  if (CRYPTO_memcmp(their_nonce_, my_nonce_, kNonceSize) == 0) {
+    ARBOR_LOG(0, "%s connection %s: the peer sent our own nonce back; closing", name(),
+              remote_address_.c_str());
+    Fail(QVNETS_FAIL);
+    return -1;
+  }
   uint8_t proof[kProofSize];
   Proof(owner_.settings().instance, theirs_.instance, their_nonce_, my_nonce_, proof);
   {

@@ -13,7 +13,7 @@ namespace arbor::net {
 
 LanSide::LanSide(const LanOptions& options, Handler handler)
     : options_(options), handler_(std::move(handler)), instance_(new_instance_id()),
-      accept_strand_(asio::make_strand(io())),
+      accept_strand_(asio::make_strand(io())), accept_retry_(accept_strand_),
       acceptor_(accept_strand_) {
   settings_.name = "LAN";
   settings_.instance = instance_;
@@ -21,6 +21,8 @@ LanSide::LanSide(const LanOptions& options, Handler handler)
   settings_.budget = options_.budget;
   settings_.peer_timeout_ms = options_.peer_timeout_ms;
   settings_.key = options_.key;
+  // An idle peer that lost power says nothing: probe, as on the WAN.
+  settings_.keepalive = true;
 }
 
 LanSide::~LanSide() { Stop(); }
@@ -84,7 +86,15 @@ void LanSide::AcceptNext() {
         conn->Fail(0);
       }
     } else {
-      ARBOR_LOG(0, "LAN accept: %s", ec.message().c_str());
+      // Out of descriptors or memory: wait before the next try, or the loop
+      // would spin on the error and flood the log.
+      ARBOR_LOG(0, "LAN accept: %s; trying again in %lld ms", ec.message().c_str(),
+                static_cast<long long>(kAcceptRetry.count()));
+      accept_retry_.expires_after(kAcceptRetry);
+      accept_retry_.async_wait([this](std::error_code wec) {
+        if (!wec && !stopping_.load()) AcceptNext();
+      });
+      return;
     }
     AcceptNext();
   });
@@ -143,7 +153,17 @@ int32_t LanSide::Connect(uint16_t id) {
       return -1;
     }
     if (peer->link != nullptr) {
-      asio::post(io(), [this, id] { Deliver(id, 0, QVNETS_SUCCESS, 0, nullptr); });
+      // Said again only if still true when delivered (a 9 after a 7 would
+      // have the engine count a dead link as up).
+      asio::post(io(), [this, id] {
+        bool still_up = false;
+        {
+          std::lock_guard relock(mutex_);
+          const Peer* p = peers_.Find(id);
+          still_up = p != nullptr && p->link != nullptr;
+        }
+        if (still_up) Deliver(id, 0, QVNETS_SUCCESS, 0, nullptr);
+      });
       return 0;
     }
     if (peer->dial != nullptr) return 0;  // its outcome will be reported
@@ -184,10 +204,16 @@ bool LanSide::OnHello(const std::shared_ptr<Connection>& conn, const Hello& hell
     } else {
       // Known by its instance; or added by address and never connected yet
       // (it dialled us while our dial to it is still under way); or new.
+      // An entry at that address whose instance has no link and no dial
+      // under way is taken over: that instance is gone (a restart), its
+      // connection closed, so no late frame of it can arrive under the id.
+      // Otherwise peers that restart would fill the table for good.
       peer = peers_.FindByInstance(hello.instance);
       if (peer == nullptr) {
         peer = peers_.FindByAddress(conn->remote_address(), hello.listen_port);
-        if (peer != nullptr && peer->instance != 0) peer = nullptr;
+        if (peer != nullptr && peer->instance != 0 &&
+            (peer->link != nullptr || peer->dial != nullptr))
+          peer = nullptr;
       }
       if (peer == nullptr)
         peer = peers_.Add(conn->remote_address(), hello.listen_port, Found::kAccepted);
@@ -277,13 +303,22 @@ int32_t LanSide::Write(uint16_t id, const PacketHeader& header, const void* data
     for (const auto& link : links) link->Write(frame, data);
     return size;
   }
-  std::shared_ptr<Connection> link;
-  {
-    std::lock_guard lock(mutex_);
-    if (Peer* peer = peers_.Find(id)) link = peer->link;
+  // A link may be swapped for its crossed twin between the look-up and the
+  // write (the old one then refuses while it retires): one more look-up
+  // finds the survivor, so the engine does not take the swap for a failed
+  // peer.
+  std::shared_ptr<Connection> tried;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    std::shared_ptr<Connection> link;
+    {
+      std::lock_guard lock(mutex_);
+      if (Peer* peer = peers_.Find(id)) link = peer->link;
+    }
+    if (link == nullptr || link == tried) return -1;
+    if (link->Write(frame, data) != Connection::WriteResult::kRefused) return size;
+    tried = std::move(link);
   }
-  if (link == nullptr) return -1;
-  return link->Write(frame, data) == Connection::WriteResult::kRefused ? -1 : size;
+  return -1;
 }
 
 // ------------------------------------------------------------ statistics
@@ -346,7 +381,7 @@ void LanSide::OnAnnouncement(const Announcement& a, const std::string& host) {
     if (stopping_.load()) return;
     if ((a.flags & kPresenceFlagBye) != 0) {
       gone = peers_.ExpirePresence(now, std::chrono::milliseconds(options_.presence_timeout_ms),
-                                   a.instance);
+                                   a.instance, !options_.key.empty());
     } else {
       heard = peers_.OnAnnouncement(a, host, now);
     }
@@ -372,7 +407,8 @@ void LanSide::OnPresenceTick() {
     std::lock_guard lock(mutex_);
     if (stopping_.load()) return;
     gone = peers_.ExpirePresence(std::chrono::steady_clock::now(),
-                                 std::chrono::milliseconds(options_.presence_timeout_ms));
+                                 std::chrono::milliseconds(options_.presence_timeout_ms), 0,
+                                 !options_.key.empty());
   }
   ReportGone(std::move(gone));
 }

@@ -17,6 +17,7 @@
 
 #include <asio.hpp>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -39,6 +40,8 @@ namespace arbor::net {
 // Most connections at once, open or still in their hello. Accepts beyond it
 // are closed at once, so strangers cannot take unbounded sockets or memory.
 inline constexpr size_t kMaxConnections = 512;
+// Wait after a failed accept (no descriptor, no memory) before the next.
+inline constexpr std::chrono::milliseconds kAcceptRetry{100};
 
 class LanSide : public LinkOwner, public PresenceListener {
  public:
@@ -116,6 +119,7 @@ class LanSide : public LinkOwner, public PresenceListener {
   LinkSettings settings_;  // fixed once Listen has the port
   IoThreads io_threads_{"LAN"};  // declared before everything that runs on it
   asio::strand<asio::io_context::executor_type> accept_strand_;
+  asio::steady_timer accept_retry_;  // on accept_strand_
   asio::ip::tcp::acceptor acceptor_;
   uint16_t port_ = 0;
   std::unique_ptr<Presence> presence_;  // null while presence is off; made by Start

@@ -73,13 +73,14 @@ Heard PeerTable::OnAnnouncement(const Announcement& a, const std::string& host,
 }
 
 std::vector<Gone> PeerTable::ExpirePresence(std::chrono::steady_clock::time_point now,
-                                            std::chrono::milliseconds timeout, uint64_t bye) {
+                                            std::chrono::milliseconds timeout, uint64_t bye,
+                                            bool keep_linked) {
   std::vector<Gone> gone;
   for (auto it = peers_.begin(); it != peers_.end();) {
     Peer& peer = it->second;
     const bool leaves = peer.present && (bye != 0 ? peer.instance == bye
                                                   : now - peer.last_heard > timeout);
-    if (!leaves) {
+    if (!leaves || (keep_linked && peer.link != nullptr)) {
       ++it;
       continue;
     }

@@ -90,9 +90,13 @@ class PeerTable {
   Heard OnAnnouncement(const Announcement& a, const std::string& host,
                        std::chrono::steady_clock::time_point now);
   // Declares gone every present peer last heard before now - timeout, or
-  // only the one of instance `bye` when it is non-zero; returns them.
+  // only the one of instance `bye` when it is non-zero; returns them. With
+  // keep_linked, a peer whose link is up is never declared gone: on a keyed
+  // LAN that link proved the key, and datagrams, which anyone can forge,
+  // must not end it (its loss is reported as the link's own status).
   std::vector<Gone> ExpirePresence(std::chrono::steady_clock::time_point now,
-                                   std::chrono::milliseconds timeout, uint64_t bye = 0);
+                                   std::chrono::milliseconds timeout, uint64_t bye = 0,
+                                   bool keep_linked = false);
 
  private:
   std::map<uint16_t, Peer> peers_;

@@ -62,8 +62,11 @@ bool WanLink::Stop() {
 
 // ------------------------------------------------------------ dialling
 
-std::shared_ptr<asio::ssl::context> WanLink::TlsContextLocked() {
-  if (tls_ctx_ != nullptr) return tls_ctx_;
+std::shared_ptr<asio::ssl::context> WanLink::TlsContext() {
+  {
+    std::lock_guard lock(mutex_);
+    if (tls_ctx_ != nullptr) return tls_ctx_;
+  }
   auto ctx = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_client);
   // TLS 1.3 only: the service is ours to configure, and older versions
   // bring nothing but ways to downgrade.
@@ -78,8 +81,7 @@ std::shared_ptr<asio::ssl::context> WanLink::TlsContextLocked() {
               options_.ca_file.c_str(), options_.ca_path.c_str(), ec.message().c_str());
     return nullptr;
   }
-  tls_ctx_ = std::move(ctx);
-  return tls_ctx_;
+  return ctx;
 }
 
 int32_t WanLink::Connect(const std::string& host, uint16_t port, bool tls) {
@@ -88,6 +90,9 @@ int32_t WanLink::Connect(const std::string& host, uint16_t port, bool tls) {
               port);
     return -1;
   }
+  // The trust store is read from disk before the lock, which writers take.
+  std::shared_ptr<asio::ssl::context> tls_ctx;
+  if (tls && (tls_ctx = TlsContext()) == nullptr) return -1;
   bool report_up = false;
   {
     std::lock_guard lock(mutex_);
@@ -95,7 +100,7 @@ int32_t WanLink::Connect(const std::string& host, uint16_t port, bool tls) {
     if (host == host_ && port == port_ && tls == tls_ && current_ != nullptr) {
       report_up = up_;  // up: say so again; dialling: let that attempt answer
     } else {
-      if (tls && TlsContextLocked() == nullptr) return -1;
+      tls_ctx_ = tls_ctx;
       if (current_ != nullptr) current_->Fail(0);  // replaced: quietly
       current_.reset();
       up_ = false;
@@ -108,7 +113,17 @@ int32_t WanLink::Connect(const std::string& host, uint16_t port, bool tls) {
       DialLocked();
     }
   }
-  if (report_up) asio::post(io_threads_.io(), [this] { Report(QVNETS_SUCCESS); });
+  // Said again only if still true when it is delivered: a 9 after a 7
+  // would have the engine sign in on a dead link.
+  if (report_up)
+    asio::post(io_threads_.io(), [this] {
+      bool still_up = false;
+      {
+        std::lock_guard lock(mutex_);
+        still_up = up_;
+      }
+      if (still_up) Report(QVNETS_SUCCESS);
+    });
   return 0;
 }
 
@@ -174,7 +189,10 @@ void WanLink::OnClosed(const std::shared_ptr<Connection>& conn, int status) {
     } else if (redialling_) {
       ScheduleRedialLocked();  // still down: try again later, silently
     } else {
-      report = status;  // the first attempt failed: the host decides
+      // The first attempt failed: the host decides. A link that broke
+      // before its hellos is a failed connection, never "the link dropped",
+      // which the engine would wait out.
+      report = status == QVNETS_DISCONNECT ? QVNETS_FAIL : status;
     }
   }
   if (report != 0) Report(report);

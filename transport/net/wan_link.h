@@ -112,9 +112,10 @@ class WanLink : public LinkOwner {
   void ScheduleRedialLocked();
   // Calls the handler with a status, unless stopping.
   void Report(int status);
-  // The TLS context for the current options, made once. Null (logged) when
-  // the trust store cannot be loaded. Caller holds mutex_.
-  std::shared_ptr<asio::ssl::context> TlsContextLocked();
+  // The TLS context for the options: the one made before, or a new one.
+  // Null (logged) when the trust store cannot be loaded. Takes mutex_
+  // only to look; reads files without it.
+  std::shared_ptr<asio::ssl::context> TlsContext();
 
   const Handler handler_;
   const WanOptions options_;
@@ -133,7 +134,7 @@ class WanLink : public LinkOwner {
   bool up_ = false;                     // guarded by mutex_: current_ passed its hello
   bool redialling_ = false;             // guarded by mutex_: after a 7, until up again
   int attempt_ = 0;                     // guarded by mutex_: failed redials in a row
-  std::shared_ptr<asio::ssl::context> tls_ctx_;      // guarded by mutex_
+  std::shared_ptr<asio::ssl::context> tls_ctx_;      // guarded by mutex_: the one in use
   std::shared_ptr<PeerCounters> counters_ = std::make_shared<PeerCounters>();
 };
 
