@@ -41,6 +41,7 @@
 #include "arbor/strutils.h"
 #include "arbor/support.h"
 #include "device/forest.h"
+#include "mque/frame_pool.h"
 
 namespace {
 
@@ -110,7 +111,7 @@ CommandItem* cmdq_item_new() {
 }
 
 void* cmdq_payload_copy(const void* payload, uint32_t size) {
-  return cmdq_alloc_allowed() ? memorydup(payload, size) : nullptr;
+  return cmdq_alloc_allowed() ? frame_dup(payload, size) : nullptr;
 }
 
 const void* fn_address(CommandHandler fn) {
@@ -227,7 +228,7 @@ void* Thread_commandq_consume(void* arg) {
               fn_address(fn));
     if (item->payload != nullptr) {
       cached_size_dec(item->size);
-      std::free(item->payload);
+      frame_free(item->payload, item->size);
     }
     delete item;
     if (fn == exitq) break;

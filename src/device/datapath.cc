@@ -19,6 +19,7 @@
 #include "arbor/send.h"
 #include "arbor/support.h"
 #include "device/datapath.h"
+#include "mque/frame_pool.h"
 #include "init/assert.h"
 
 namespace {
@@ -70,29 +71,39 @@ void wr(const uint32_t* fanout, int32_t pipe, const void* data, uint32_t size,
 // The WriteJob's three words: the record, the pipe and the flag word.
 enum : uint32_t { kJobBuffer = 0, kJobPipe = 1, kJobFlags = 2 };
 
+// The bytes of a fan-out record (count, uids, size, chunk) and of a WAN
+// record (size, chunk): what frame_alloc was asked for, which frame_free
+// must be told again. The records come from the frame pool, since each
+// holds a whole chunk and one is made for every chunk.
+size_t lan_record_bytes(uint32_t peers, uint32_t size) {
+  return size + (static_cast<size_t>(peers) + 2) * sizeof(uint32_t);
+}
+size_t wan_record_bytes(uint32_t size) { return size + sizeof(uint32_t); }
+
 void wr_lan_job(uintptr_t* job) {
   auto* record = reinterpret_cast<uint32_t*>(job[kJobBuffer]);
   const uint32_t n = record[0];
   wr(record, static_cast<int32_t>(job[kJobPipe]), record + n + 2,
      record[n + 1], static_cast<uint32_t>(job[kJobFlags]));
-  std::free(record);
+  frame_free(record, lan_record_bytes(n, record[n + 1]));
 }
 
 void wr_wan_job(uintptr_t* job) {
   auto* record = reinterpret_cast<uint32_t*>(job[kJobBuffer]);
   wr(nullptr, static_cast<int32_t>(job[kJobPipe]), record + 1, record[0],
      static_cast<uint32_t>(job[kJobFlags]));
-  std::free(record);
+  frame_free(record, wan_record_bytes(record[0]));
 }
 
-// Queues fn with record. When the list cannot grow, the record is freed
-// here and the chunk is lost for this pipe node, like any other allocation
-// failure of the walk: without a message, since a walk runs per chunk.
+// Queues fn with record (bytes long). When the list cannot grow, the record
+// is freed here and the chunk is lost for this pipe node, like any other
+// allocation failure of the walk: without a message, since a walk runs per
+// chunk.
 void queue_write(ResponseList* respr, ResponseFn fn, uint32_t* record,
-                 const TreeNode* node, uint32_t flags) {
+                 size_t bytes, const TreeNode* node, uint32_t flags) {
   const uintptr_t job[3] = {reinterpret_cast<uintptr_t>(record),
                             static_cast<uintptr_t>(node->xfd.load()), flags};
-  if (append_response(respr, fn, job) < 0) std::free(record);
+  if (append_response(respr, fn, job) < 0) frame_free(record, bytes);
 }
 
 // ------------------------------------------------------- node functions
@@ -102,15 +113,15 @@ void lan_fanout(ResponseList* respr, const TreeNode* node, const void* data,
                 uint32_t size, uint32_t flags) {
   const uint32_t n = node->nchildren;
   if (n == 0) return;
-  auto* record = static_cast<uint32_t*>(
-      std::malloc(size + (static_cast<size_t>(n) + 2) * sizeof(uint32_t)));
+  const size_t bytes = lan_record_bytes(n, size);
+  auto* record = static_cast<uint32_t*>(frame_alloc(bytes));
   if (record == nullptr) return;
   record[0] = n;
   for (uint32_t i = 0; i < n; ++i)
     record[1 + i] = static_cast<uint32_t>(node->children[i]->xfd.load());
   record[n + 1] = size;
   std::memcpy(record + n + 2, data, size);
-  queue_write(respr, wr_lan_job, record, node, flags);
+  queue_write(respr, wr_lan_job, record, bytes, node, flags);
 }
 
 // A WAN pipe node: one write however many children, none without an
@@ -121,12 +132,12 @@ void wan_record(ResponseList* respr, const TreeNode* node, const void* data,
   for (uint32_t i = 0; i < node->nchildren && !any_active; ++i)
     any_active = node->children[i]->active != 0;
   if (!any_active) return;
-  auto* record =
-      static_cast<uint32_t*>(std::malloc(size + sizeof(uint32_t)));
+  const size_t bytes = wan_record_bytes(size);
+  auto* record = static_cast<uint32_t*>(frame_alloc(bytes));
   if (record == nullptr) return;
   record[0] = size;
   std::memcpy(record + 1, data, size);
-  queue_write(respr, wr_wan_job, record, node, flags);
+  queue_write(respr, wr_wan_job, record, bytes, node, flags);
 }
 
 // A device leaf writes synchronously; a short or failed write is logged

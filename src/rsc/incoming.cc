@@ -19,6 +19,7 @@
 #include "arbor/inband.h"
 #include "arbor/rsc.h"
 #include "arbor/support.h"
+#include "mque/frame_pool.h"
 #include "strutils/wire_text.h"
 
 namespace {
@@ -58,12 +59,12 @@ uint32_t frame_word(const void* data, uint32_t size) {
 void push_media(uint32_t uid, const cdef* cls, int32_t xfd, uint32_t flags,
                 const void* data, uint32_t size) {
   if (data == nullptr || size == 0 || size > UINT32_MAX - kHead) return;
-  auto* record = static_cast<InbandRecord*>(std::malloc(kHead + size));
+  auto* record = static_cast<InbandRecord*>(frame_alloc(kHead + size));
   if (record == nullptr) return;
   *record = InbandRecord{uid, const_cast<cdef*>(cls), xfd, flags, size};
   std::memcpy(record + 1, data, size);
   cmdq_push("Tree_inflate", Tree_inflate, 0, record, kHead + size);
-  std::free(record);
+  frame_free(record, kHead + size);
 }
 
 // A LAN in-band text, encoded again with its sender named. A text that
