@@ -38,6 +38,17 @@ class IoThreads {
     return false;
   }
 
+  // Whether the caller may stop these threads: false, with a level-0 line
+  // naming call, on one of them (inside a callback), which cannot join
+  // itself.
+  bool MayStopFrom(const char* call) const {
+    if (!OnIoThread()) return true;
+    ARBOR_LOG(0, "%s: called on a transport thread (inside a callback); call it from another "
+                 "thread",
+              call);
+    return false;
+  }
+
   // Stops the loop and joins the threads: no handler runs after it returns.
   // Idempotent; the caller is not one of the threads (OnIoThread).
   void Stop() {

@@ -101,11 +101,7 @@ void LanSide::AcceptNext() {
 }
 
 bool LanSide::Stop() {
-  if (io_threads_.OnIoThread()) {
-    ARBOR_LOG(0, "UnInitLAN: called on a transport thread (inside a callback); call it from "
-                 "another thread");
-    return false;
-  }
+  if (!io_threads_.MayStopFrom("UnInitLAN")) return false;
   std::lock_guard stop_lock(stop_mutex_);
   if (stopped_) return true;
   stopped_ = true;

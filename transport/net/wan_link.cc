@@ -32,11 +32,7 @@ std::unique_ptr<WanLink> WanLink::Start(Handler handler, WanOptions options) {
 }
 
 bool WanLink::Stop() {
-  if (io_threads_.OnIoThread()) {
-    ARBOR_LOG(0, "UnInitWAN: called on the transport's thread (inside a callback); call it "
-                 "from another thread");
-    return false;
-  }
+  if (!io_threads_.MayStopFrom("UnInitWAN")) return false;
   std::lock_guard stop_lock(stop_mutex_);
   if (stopped_) return true;
   stopped_ = true;
