@@ -54,6 +54,7 @@
 #include <string>
 #include <vector>
 
+#include "arbor/transport.h"
 #include "link_owner.h"
 #include "wire_codec.h"
 
@@ -83,6 +84,18 @@ struct PeerCounters {
   std::atomic<uint64_t> media_dropped{0};
   std::atomic<uint64_t> reconnects{0};
 };
+
+// The frame header of one write of the engine: its PacketHeader's fields
+// and the payload's size.
+inline FrameHeader frame_header_for(const PacketHeader& header, uint16_t size) {
+  FrameHeader frame;
+  frame.length = size;
+  frame.boat = header.nBoatType;
+  frame.pipe = header.nPipe;
+  frame.type = header.nPacketType;
+  frame.level = header.nLevel;
+  return frame;
+}
 
 class Connection : public std::enable_shared_from_this<Connection> {
  public:

@@ -283,12 +283,7 @@ int32_t LanSide::Write(uint16_t id, const PacketHeader& header, const void* data
     ARBOR_LOG(0, "LANNetWrite(%u): frame type %u is not 3, 4 or 5", id, header.nPacketType);
     return -1;
   }
-  FrameHeader frame;
-  frame.length = size;
-  frame.boat = header.nBoatType;
-  frame.pipe = header.nPipe;
-  frame.type = header.nPacketType;
-  frame.level = header.nLevel;
+  const FrameHeader frame = frame_header_for(header, size);
   if (id == 0) {
     std::vector<std::shared_ptr<Connection>> links;
     {

@@ -210,12 +210,7 @@ int32_t WanLink::Write(const PacketHeader& header, const void* data, uint16_t si
     if (up_) conn = current_;
   }
   if (conn == nullptr) return -1;
-  FrameHeader frame;
-  frame.length = size;
-  frame.boat = header.nBoatType;
-  frame.pipe = header.nPipe;
-  frame.type = header.nPacketType;
-  frame.level = header.nLevel;
+  const FrameHeader frame = frame_header_for(header, size);
   return conn->Write(frame, data) == Connection::WriteResult::kRefused ? -1 : size;
 }
 
