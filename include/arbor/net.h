@@ -90,6 +90,13 @@
  *   AddLANEP       first word a host text (name or address), second the
  *                  TCP port; finds or adds the peer. Its id, or -1 (logged)
  *                  for a bad host or port, the LAN off or a full table.
+ *                  The text is kept as given, not resolved: one peer added
+ *                  under two texts ("localhost", "127.0.0.1") is two
+ *                  entries, and as both ends keep one connection per pair
+ *                  of instances, dialling the second ends the first's link
+ *                  (status 7). Add each peer under one text. A name is
+ *                  looked up on each dial on a thread of its own, so that
+ *                  UnInitLAN never waits for a slow name server.
  *   LANConRemoteHostInfo  any thread; returns at once, the outcome comes as
  *                  a status (9, 6, 8; 9 again at once when already up). 0,
  *                  or -1 for an unknown peer or the LAN off.

@@ -253,6 +253,19 @@ TEST(NetLink, RefusedConnectReportsFailAndUnresolvableNameReportsUnreachable) {
   EXPECT_EQ(a.AddPeer(nettest::kUnresolvableHost.c_str(), 4000), nowhere) << "found by host and port";
 }
 
+TEST(NetLink, APeerAddedByNameIsLookedUpAndDialled) {
+  Recorder ra, rb;  // outlive the transports that call them
+  Transport a, b;
+  StartOn(a, ra);
+  StartOn(b, rb);
+  // "localhost" comes from the hosts file: the name road (a look-up thread)
+  // without a query leaving the machine.
+  const int32_t id = a.AddPeer("localhost", b.LanPort());
+  ASSERT_GT(id, 0);
+  ASSERT_EQ(a.ConnectPeer(static_cast<uint16_t>(id)), 0);
+  EXPECT_EQ(ra.WaitStatus(QVNETS_SUCCESS), static_cast<uint32_t>(id));
+}
+
 TEST(NetLink, APortInUseFailsInitAndSaysWhatToDo) {
   nettest::LogCatcher log;
   Recorder ra, rb;

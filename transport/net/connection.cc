@@ -38,11 +38,11 @@ bool would_block(int err) { return err == EAGAIN || err == EWOULDBLOCK; }
 }  // namespace
 
 Connection::Connection(LinkOwner& owner, Strand strand, uint16_t peer)
-    : owner_(owner), strand_(strand), socket_(strand), resolver_(strand), deadline_(strand),
+    : owner_(owner), strand_(strand), socket_(strand), deadline_(strand),
       stall_(strand), dialled_(true), peer_(peer), rbuf_(new uint8_t[kMaxFrame]) {}
 
 Connection::Connection(LinkOwner& owner, Strand strand, asio::ip::tcp::socket socket)
-    : owner_(owner), strand_(strand), socket_(std::move(socket)), resolver_(strand),
+    : owner_(owner), strand_(strand), socket_(std::move(socket)),
       deadline_(strand), stall_(strand), dialled_(false), peer_(0),
       rbuf_(new uint8_t[kMaxFrame]) {}
 
@@ -403,7 +403,7 @@ void Connection::CloseOnStrand(int status) {
   if (phase_ == Phase::kClosed) return;
   phase_ = Phase::kClosed;
   std::error_code ec;
-  resolver_.cancel();
+  if (lookup_ != nullptr) lookup_->Cancel();
   deadline_.cancel();
   stall_.cancel();
   socket_.close(ec);
@@ -423,6 +423,7 @@ void Connection::CloseNow() {
   queued_ = 0;
   queue_bytes_.store(0, std::memory_order_relaxed);
   phase_ = Phase::kClosed;
+  if (lookup_ != nullptr) lookup_->Cancel();
   std::error_code ec;
   socket_.close(ec);
 }

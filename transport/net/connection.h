@@ -55,6 +55,7 @@
 #include <vector>
 
 #include "arbor/transport.h"
+#include "host_lookup.h"
 #include "link_owner.h"
 #include "wire_codec.h"
 
@@ -214,7 +215,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Strand only: the frames of the TLS write in flight, moved out of the
   // queue so that Fail (any thread) cannot free them under the write.
   std::vector<std::vector<uint8_t>> tls_inflight_;
-  asio::ip::tcp::resolver resolver_;
+  std::shared_ptr<HostLookup> lookup_;  // strand only (and CloseNow once threads are stopped)
   asio::steady_timer deadline_;  // connect and hello time-out
   asio::steady_timer stall_;     // peer time-out while the queue is not empty
   const bool dialled_;

@@ -31,30 +31,29 @@ void Connection::Dial(std::string host, uint16_t port) {
                 static_cast<long long>(kConnectTimeout.count()));
       self->Fail(QVNETS_UNREACHABLE);
     });
-    self->resolver_.async_resolve(
-        host, std::to_string(port), asio::ip::tcp::resolver::numeric_service,
-        [self, host](std::error_code ec, const asio::ip::tcp::resolver::results_type& found) {
-          if (self->phase_ != Phase::kConnecting) return;
-          if (ec) {
-            ARBOR_LOG(0, "%s peer %u: cannot resolve %s: %s", self->name(), self->peer(), host.c_str(),
-                      ec.message().c_str());
-            self->Fail(QVNETS_UNREACHABLE);
-            return;
-          }
-          asio::async_connect(self->socket_, found,
-                              [self, host](std::error_code cec, const asio::ip::tcp::endpoint&) {
-                                if (self->phase_ != Phase::kConnecting) return;
-                                if (!cec) {
-                                  self->OnConnected();
-                                  return;
-                                }
-                                ARBOR_LOG(0, "%s peer %u: cannot connect to %s: %s",
-                                          self->name(), self->peer(), host.c_str(), cec.message().c_str());
-                                self->Fail(cec == asio::error::connection_refused
-                                               ? QVNETS_FAIL
-                                               : QVNETS_UNREACHABLE);
-                              });
-        });
+    auto resolved = [self, host](std::error_code ec, HostLookup::Endpoints found) {
+      if (self->phase_ != Phase::kConnecting) return;
+      if (ec) {
+        ARBOR_LOG(0, "%s peer %u: cannot resolve %s: %s", self->name(), self->peer(), host.c_str(),
+                  ec.message().c_str());
+        self->Fail(QVNETS_UNREACHABLE);
+        return;
+      }
+      asio::async_connect(self->socket_, found,
+                          [self, host](std::error_code cec, const asio::ip::tcp::endpoint&) {
+                            if (self->phase_ != Phase::kConnecting) return;
+                            if (!cec) {
+                              self->OnConnected();
+                              return;
+                            }
+                            ARBOR_LOG(0, "%s peer %u: cannot connect to %s: %s", self->name(),
+                                      self->peer(), host.c_str(), cec.message().c_str());
+                            self->Fail(cec == asio::error::connection_refused ? QVNETS_FAIL
+                                                                             : QVNETS_UNREACHABLE);
+                          });
+    };
+    self->lookup_ = HostLookup::Start(host, port, self->strand_, std::move(resolved));
+    if (self->lookup_ == nullptr) self->Fail(QVNETS_UNREACHABLE);
   });
 }
 

@@ -190,13 +190,21 @@ bool LanSide::OnHello(const std::shared_ptr<Connection>& conn, const Hello& hell
   }
   std::shared_ptr<Connection> loser;
   bool report = false;
+  bool dropped_dial = false;
   uint16_t id = 0;
   {
     std::lock_guard lock(mutex_);
     Peer* peer = nullptr;
     if (conn->dialled()) {
+      // A dial its entry let go of (presence declared the peer gone while
+      // it was under way) is over: the engine has heard status 0 for it, and
+      // a link now would stand beside a peer it counts as gone.
       peer = peers_.Find(conn->peer());
-      if (peer != nullptr && peer->dial == conn) peer->dial.reset();
+      if (peer == nullptr || peer->dial != conn) {
+        dropped_dial = true;
+      } else {
+        peer->dial.reset();
+      }
     } else {
       // Known by its instance; or added by address and never connected yet
       // (it dialled us while our dial to it is still under way); or new.
@@ -214,6 +222,10 @@ bool LanSide::OnHello(const std::shared_ptr<Connection>& conn, const Hello& hell
       if (peer == nullptr)
         peer = peers_.Add(conn->remote_address(), hello.listen_port, Found::kAccepted);
       if (peer != nullptr && peer->port == 0) peer->port = hello.listen_port;
+    }
+    if (dropped_dial) {
+      conn->Fail(0);
+      return false;
     }
     if (peer == nullptr) {
       ARBOR_LOG(0, "LAN connection %s: %zu peers known already; closing",

@@ -66,7 +66,9 @@ std::unique_ptr<Presence> Presence::Start(asio::io_context& io, const LanOptions
             options.presence_group.c_str(), options.presence_port, options.presence_interval_ms,
             options.presence_timeout_ms);
   // Nothing runs io yet: the first operations may be started from here.
-  presence->ReceiveNext();
+  // Heard from the first tick on, not now: the engine takes our callbacks
+  // only once InitLAN has returned to it, and a peer's arrival (status=1) is
+  // said once. Announcements sent meanwhile wait in the socket's buffer.
   presence->ArmTick();
   return presence;
 }
