@@ -73,7 +73,9 @@ struct CommandQueue {
   // The consumer; kNoThread when there is none. Guarded by mutex.
   pthread_t commandq_thread_;
   CommandItem* exit_item;  // the marker's item until the marker is pushed
-  uint32_t queued;         // items in the list; guarded by mutex
+  // Items accepted and not yet run (raised under mutex, lowered by the
+  // consumer after each run).
+  std::atomic<uint32_t> queued;
 };
 
 // Closed until the first start, so an early push is refused, not lost.
@@ -179,7 +181,7 @@ CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
     if (copy != nullptr) cached_size_inc(size);
     q.head.next->prev = &item->link;
     q.head.next = &item->link;
-    ++q.queued;
+    q.queued.fetch_add(1, std::memory_order_relaxed);
     pthread_cond_signal(&q.condiction);
     if (fn == exitq) join = q.commandq_thread_;  // read once, here
   }
@@ -199,14 +201,36 @@ CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
   return fn;
 }
 
-// The consumer: runs each command outside the mutex and frees its item;
-// after the marker it sweeps the forest and ends. Cannot fail.
+// Runs one command outside the mutex and frees its item; true for the
+// marker, after which nothing more was accepted.
+bool run_command(CommandItem* item) {
+  const CommandHandler fn = item->fn;
+  ARBOR_LOG(3, "%s: execute function:%p", "Thread_commandq_consume",
+            fn_address(fn));
+  fn(item->arg, item->payload, item->size);
+  ARBOR_LOG(3, "%s: execute function:%p, return", "Thread_commandq_consume",
+            fn_address(fn));
+  if (item->payload != nullptr) {
+    cached_size_dec(item->size);
+    frame_free(item->payload, item->size);
+  }
+  delete item;
+  queue_.queued.fetch_sub(1, std::memory_order_relaxed);
+  return fn == exitq;
+}
+
+// The consumer: runs the commands in order; after the marker it sweeps the
+// forest and ends. Cannot fail.
 void* Thread_commandq_consume(void* arg) {
   auto* q = static_cast<CommandQueue*>(arg);
   on_consumer = true;
   ARBOR_LOG(3, "%s running: %#x", "Thread_commandq_consume", kernel_tid());
-  for (;;) {
-    CommandItem* item;
+  bool ended = false;
+  while (!ended) {
+    // Everything queued is taken in one hold of the mutex, so a busy
+    // producer and the consumer meet on it once per batch, not per command;
+    // the batch then runs oldest first, as one by one would.
+    CommandLink* oldest;
     {
       QueueLock lock(&q->mutex);
       while (q->head.prev == &q->head) {
@@ -214,24 +238,16 @@ void* Thread_commandq_consume(void* arg) {
         ARBOR_LOG(3, "cond-wait-return: cond=%s,mutex=%s{.", "q->condiction",
                   "q->mutex");
       }
-      CommandLink* oldest = q->head.prev;
-      q->head.prev = oldest->prev;
-      oldest->prev->next = &q->head;
-      --q->queued;
-      item = reinterpret_cast<CommandItem*>(oldest);
+      oldest = q->head.prev;
+      q->head.next->prev = nullptr;  // the newest item ends the batch
+      q->head.prev = &q->head;
+      q->head.next = &q->head;
     }
-    const CommandHandler fn = item->fn;
-    ARBOR_LOG(3, "%s: execute function:%p", "Thread_commandq_consume",
-              fn_address(fn));
-    fn(item->arg, item->payload, item->size);
-    ARBOR_LOG(3, "%s: execute function:%p, return", "Thread_commandq_consume",
-              fn_address(fn));
-    if (item->payload != nullptr) {
-      cached_size_dec(item->size);
-      frame_free(item->payload, item->size);
+    for (CommandLink* link = oldest; link != nullptr && !ended;) {
+      auto* item = reinterpret_cast<CommandItem*>(link);
+      link = link->prev;  // the next newer, read before the item is freed
+      ended = run_command(item);
     }
-    delete item;
-    if (fn == exitq) break;
   }
   forest_make_clean();
   {
@@ -339,10 +355,7 @@ ARBOR_EXPORT uint32_t cached_size_dec(uint32_t size) {
 
 uint32_t cmdq_cached_total() { return cached_total.load(); }
 
-uint32_t cmdq_queued() {
-  QueueLock lock(&queue_.mutex);
-  return queue_.queued;
-}
+uint32_t cmdq_queued() { return queue_.queued.load(std::memory_order_relaxed); }
 
 int cmdq_running() {
   QueueLock lock(&queue_.mutex);
