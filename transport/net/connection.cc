@@ -39,12 +39,12 @@ bool would_block(int err) { return err == EAGAIN || err == EWOULDBLOCK; }
 
 Connection::Connection(LinkOwner& owner, Strand strand, uint16_t peer)
     : owner_(owner), strand_(strand), socket_(strand), deadline_(strand),
-      stall_(strand), dialled_(true), peer_(peer), rbuf_(new uint8_t[kMaxFrame]) {}
+      stall_(strand), dialled_(true), peer_(peer), rbuf_(new uint8_t[kReadBuffer]) {}
 
 Connection::Connection(LinkOwner& owner, Strand strand, asio::ip::tcp::socket socket)
     : owner_(owner), strand_(strand), socket_(std::move(socket)),
       deadline_(strand), stall_(strand), dialled_(false), peer_(0),
-      rbuf_(new uint8_t[kMaxFrame]) {}
+      rbuf_(new uint8_t[kReadBuffer]) {}
 
 void Connection::Bind(uint16_t peer, std::shared_ptr<PeerCounters> counters) {
   peer_.store(peer, std::memory_order_relaxed);
@@ -54,7 +54,7 @@ void Connection::Bind(uint16_t peer, std::shared_ptr<PeerCounters> counters) {
 // ------------------------------------------------------------ reading
 
 void Connection::StartRead() {
-  auto into = asio::buffer(rbuf_.get() + rfill_, kMaxFrame - rfill_);
+  auto into = asio::buffer(rbuf_.get() + rfill_, kReadBuffer - rfill_);
   auto then = [self = shared_from_this()](std::error_code ec, size_t n) { self->OnRead(ec, n); };
   if (tls_)
     tls_->async_read_some(into, std::move(then));

@@ -32,7 +32,7 @@
 //
 // Reads are serialised: one read at a time per connection, on its strand, so
 // one peer's frames reach the engine in order. Every connection reads into
-// one buffer of kMaxFrame bytes allocated when it is made; nothing is
+// one buffer of kReadBuffer bytes allocated when it is made; nothing is
 // allocated from a length read off the wire.
 //
 // Lock: out_mutex_ guards the output queue, closed_/retiring_ and every use
@@ -60,6 +60,12 @@
 #include "wire_codec.h"
 
 namespace arbor::net {
+
+// A connection's read buffer: room for whole frames and the start of the
+// next, so that a stream of large frames takes about one read per two
+// frames rather than two reads per frame. Less than a whole frame is left
+// after each parse and moved to the front.
+inline constexpr size_t kReadBuffer = 2 * kMaxFrame;
 
 // How far past its budget a connection's queue may grow with frames that are
 // never dropped (control and in-band) before the peer is declared gone.
@@ -229,7 +235,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool read_ended_ = false;  // the peer's end of stream arrived after a moved notice
   bool sent_ended_ = false;  // our sending side is shut down after retiring
   std::string remote_address_;
-  std::unique_ptr<uint8_t[]> rbuf_;  // kMaxFrame bytes
+  std::unique_ptr<uint8_t[]> rbuf_;  // kReadBuffer bytes
   Hello theirs_;                     // the peer's hello, kept through the proof
   uint8_t my_nonce_[kNonceSize] = {};
   uint8_t their_nonce_[kNonceSize] = {};
