@@ -21,6 +21,7 @@
 #include "arbor/support.h"
 #include "device/build.h"
 #include "device/datapath.h"
+#include "device/observe.h"
 #include "init/assert.h"
 
 namespace {
@@ -105,6 +106,7 @@ void Tree_active_branch(uintptr_t, const void* payload, uint32_t size) {
   const LeafIndexEntry* row = root_find_leaf_by_sid(root, sid);
   if (row != nullptr) {
     active_branch(root, row->leaf);
+    observe_rows_began(root);
     ARBOR_LOG(2, "branch(sid=%s) vpipe-IO ready, actived.", sid);
   } else {
     ARBOR_LOG(0, "%s(%s):root_find_leaf_by_sid: NOT found",

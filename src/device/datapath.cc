@@ -19,6 +19,7 @@
 #include "arbor/send.h"
 #include "arbor/support.h"
 #include "device/datapath.h"
+#include "device/observe.h"
 #include "mque/frame_pool.h"
 #include "init/assert.h"
 
@@ -241,6 +242,7 @@ const void* transf(ResponseList* respr, TreeNode* node, uint32_t* out_size,
 int32_t walk_tree(ResponseList* respr, TreeNode* node, NodeFn fn,
                   const void* data, uint32_t size, uint32_t flags) {
   uint32_t out_size = 0;
+  observe_count(node, size);
   const void* out = fn(respr, node, &out_size, data, size, flags);
   if (out == nullptr) return 0;
   int32_t count = 0;

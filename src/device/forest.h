@@ -65,6 +65,10 @@ struct TreeNode {
   // Only such a number goes back to the pipe table when the node closes: a
   // number that came with a request (FD<i>) may belong to another node.
   int32_t pipe_owned;
+  // What passed this node since it was made (device/observe.h): written by
+  // the data path under the root's lock for reading, read by snapshots.
+  std::atomic<uint64_t> chunks;
+  std::atomic<uint64_t> bytes;
 };
 
 // One session: where its data ends and who owns it.
@@ -73,6 +77,7 @@ struct LeafIndexEntry {
   TreeNode* leaf;   // several rows may hold one leaf
   uint32_t uid;     // the owner, first argument of sendasc
   int32_t ascode;   // the owner's AS code, second argument of sendasc
+  int32_t began;    // 1 once the observer heard "begin"; consumer only
 };
 
 // A root: a TreeNode at its start, so a walk along parent ends at one.
@@ -222,7 +227,8 @@ void _destroy_root(TreeRoot* root);
 // stopped, or null when there was no such row or its leaf stays for another
 // row: only a non-null result tells the caller to notify the owner. The
 // last row closes the root.
-TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out);
+TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, const char* reason,
+                       LeafOwner* out);
 
 // Sends a session message to the owner (uid, ascode) of a row by sendasc:
 // a LAN peer, or for uid 0 the service's road, which for an AS code of 1 or

@@ -118,6 +118,8 @@ void node_free_members(TreeNode* node) {
   node->pending_size = 0;
   node->pending = nullptr;
   node->pipe_owned = 0;
+  node->chunks = 0;
+  node->bytes = 0;
 }
 
 // Takes every node off root, each subtree closed and freed lowest first, and

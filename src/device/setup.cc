@@ -26,6 +26,7 @@
 #include "arbor/strutils.h"
 #include "arbor/support.h"
 #include "device/build.h"
+#include "device/observe.h"
 #include "init/sys_state.h"
 
 namespace {
@@ -242,7 +243,8 @@ bool forest_index_leaf(uint32_t uid, int32_t ascode, const char* sid,
   char* copy = stringdup(sid);
   if (copy == nullptr) return false;
   if (leaf == root_node(root) && !root_row_names(root, leaf)) root_ref(root);
-  root->leaves[root->leaves_size++] = {copy, leaf, uid, ascode};
+  root->leaves[root->leaves_size++] = {copy, leaf, uid, ascode, 0};
+  observe_rows_began(root);
   ARBOR_LOG(3, "add sid leaf idx: %s, %p", sid, static_cast<void*>(leaf));
   return true;
 }
@@ -306,8 +308,11 @@ void Tree_new_request(uintptr_t, const void* payload, uint32_t size) {
       root_unref(root);
     }
   }
-  if (leaf == nullptr)
+  if (leaf == nullptr) {
+    observe_request_failed(dx->uid, dx->ascode, dx->sid, dx->nodes, dx->length,
+                           "Tree request fail");
     raise_link_fail(dx->uid, dx->ascode, dx->sid, "Tree request fail");
+  }
   request_free(payload, owned);
 }
 
@@ -351,7 +356,10 @@ void Tree_new_partial(uintptr_t, const void* payload, uint32_t size) {
       root_unref(root);
     }
   }
-  if (leaf == nullptr)
+  if (leaf == nullptr) {
+    observe_request_failed(dx->uid, dx->ascode, dx->sid, dx->nodes, dx->length,
+                           "Tree create fail");
     raise_link_fail(dx->uid, dx->ascode, dx->sid, "Tree create fail");
+  }
   request_free(payload, owned);
 }

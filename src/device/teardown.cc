@@ -32,6 +32,7 @@
 #include "arbor/sys.h"
 #include "arbor/timedq.h"
 #include "device/forest.h"
+#include "device/observe.h"
 #include "init/assert.h"
 #include "init/sys_state.h"
 #include "strutils/wire_text.h"
@@ -94,8 +95,9 @@ bool is_leaf_shared(const TreeRoot* root, const TreeNode* leaf,
 // row whose leaf is the root itself, the one that such rows hold together
 // (device/forest.h): either way the count stays true.
 TreeNode* cleanup_row(TreeRoot* root, const LeafIndexEntry& row,
-                      const char* sid, LeafOwner* out) {
+                      const char* sid, const char* reason, LeafOwner* out) {
   if (out != nullptr) *out = {row.uid, row.ascode};
+  observe_row_removed(row, reason);
   std::free(row.sid);
   if (row.leaf == nullptr) {
     if (root->leaves_size == 0) root_close(root);
@@ -137,7 +139,7 @@ void destroy_by_sid(const char* reason, const char* sid) {
                 kMainCmdFollower, sid);
   }
   LeafOwner owner{};
-  if (_cleanup_sid(root, sid, &owner) != nullptr)
+  if (_cleanup_sid(root, sid, reason, &owner) != nullptr)
     usync_closing(owner.uid, owner.ascode, sid, reason);
   QVXUNLock(&root->lock);
   root_unref(root);
@@ -170,10 +172,11 @@ void root_close(TreeRoot* root) {
   if (cmdq_on_consumer()) root_prune(root);
 }
 
-TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, LeafOwner* out) {
+TreeNode* _cleanup_sid(TreeRoot* root, const char* sid, const char* reason,
+                       LeafOwner* out) {
   const int32_t index = root_pop_leaf_index(root, sid);
   if (index < 0) return nullptr;
-  return cleanup_row(root, root_pop_leaf_at(root, index), sid, out);
+  return cleanup_row(root, root_pop_leaf_at(root, index), sid, reason, out);
 }
 
 namespace {
@@ -259,9 +262,10 @@ void root_drain_leaves(TreeRoot* root, const char* reason) {
     sid_copy(sid, root->leaves[0].sid);
     const int32_t before = root->leaves_size;
     LeafOwner owner{};
-    TreeNode* stopped = _cleanup_sid(root, sid, &owner);
+    TreeNode* stopped = _cleanup_sid(root, sid, reason, &owner);
     if (root->leaves_size == before) {
-      stopped = cleanup_row(root, root_pop_leaf_at(root, 0), sid, &owner);
+      stopped = cleanup_row(root, root_pop_leaf_at(root, 0), sid, reason,
+                            &owner);
     }
     if (stopped != nullptr) usync_closing(owner.uid, owner.ascode, sid, reason);
   }
@@ -356,7 +360,8 @@ ARBOR_EXPORT void Tree_cleanup_drv(uintptr_t cls_word, const void*,
              (leaf->parent != nullptr && leaf->parent->device == cls))) {
           char sid[TREE_SID_SIZE];
           sid_copy(sid, root->leaves[i].sid);
-          cleanup_row(root, root_pop_leaf_at(root, i), sid, nullptr);
+          cleanup_row(root, root_pop_leaf_at(root, i), sid, kReasonCleanupDrv,
+                      nullptr);
         } else {
           ++i;  // a removal moved another row to i: look at i again
         }
@@ -389,7 +394,7 @@ void Tree_timed_check(int32_t /*elapsed*/, uintptr_t leaf_word, int32_t argc,
       if (node->active != 0) continue;
       ARBOR_LOG(0, "branch(sid=%s) timeout, destroy now.", sid);
       LeafOwner owner{};
-      if (_cleanup_sid(root, sid, &owner) != nullptr)
+      if (_cleanup_sid(root, sid, kReasonTimeOut, &owner) != nullptr)
         raise_link_fail(owner.uid, owner.ascode, sid, kReasonTimeOut);
       break;
     }

@@ -110,7 +110,7 @@ inline void Row(TreeNode* leaf, const char* sid, uint32_t uid,
   if (leaf == root_node(root)) root_ref(root);
   root->leaves = static_cast<LeafIndexEntry*>(std::realloc(
       root->leaves, (root->leaves_size + 1) * sizeof(LeafIndexEntry)));
-  root->leaves[root->leaves_size++] = {stringdup(sid), leaf, uid, ascode};
+  root->leaves[root->leaves_size++] = {stringdup(sid), leaf, uid, ascode, 0};
 }
 
 // Waits up to 10 s for cond; true when it held.
