@@ -77,10 +77,10 @@ typedef void (*arbor_session_observer)(const arbor_session_event* event, void* u
 /*
  * Sets the one observer (null: none). Any thread, before or after SysInit.
  * Events already queued for the previous observer go to the new one. A call
- * that sets null waits for an event being delivered to end (from inside the
- * callback it cannot, and the observer's thread ends after that event);
- * after it returns the old observer is not called again, and events still
- * queued are dropped. 0, or -1 (logged) when no thread could be made for
+ * that sets null lets the observer's thread deliver what is queued (at most
+ * ARBOR_OBSERVE_BACKLOG events) to the observer being cleared, and waits for
+ * it; after it returns that observer is not called again. Called from
+ * inside the callback it cannot wait: the thread drains and ends by itself. 0, or -1 (logged) when no thread could be made for
  * the observer, which is then not set.
  */
 ARBOR_EXPORT int32_t arbor_observe_sessions(arbor_session_observer observer, void* user);

@@ -35,6 +35,10 @@ class Observer {
   // a null one. False when no thread could be made (then nothing is set).
   bool Set(arbor_session_observer fn, void* user) {
     std::unique_lock lock(mutex_);
+    if (fn == nullptr) {
+      draining_fn_ = fn_;
+      draining_user_ = user_;
+    }
     fn_ = fn;
     user_ = user;
     active_.store(fn != nullptr, std::memory_order_relaxed);
@@ -51,11 +55,11 @@ class Observer {
       return true;
     }
     if (fn == nullptr && running_) {
-      // The thread ends at its next look: its generation is over.
+      // The thread delivers what is queued to the observer being cleared,
+      // then ends: its generation is over. So a host that clears its
+      // observer after SysExit has heard every session end.
       ++generation_;
       running_ = false;
-      queue_.clear();
-      dropped_ = 0;
       wake_.notify_all();
       std::thread ending = std::move(thread_);
       if (ending.get_id() == std::this_thread::get_id()) {
@@ -92,17 +96,20 @@ class Observer {
   void Stop() { Set(nullptr, nullptr); }
 
  private:
-  // Delivers while its generation lasts; a newer thread may already run
-  // when an old one (detached from inside its callback) looks again.
+  // Delivers while its generation lasts, then what is still queued. An old
+  // thread detached from inside its callback may still be draining when a
+  // new observer is set; it then hands the new one's first events to the
+  // old observer, as if they had been queued before the clear.
   void Run(uint64_t generation) {
     std::unique_lock lock(mutex_);
     for (;;) {
       wake_.wait(lock, [&] { return generation != generation_ || !queue_.empty(); });
-      if (generation != generation_) return;
+      const bool over = generation != generation_;
+      if (queue_.empty()) return;  // only when over
       const arbor_session_event e = queue_.front();
       queue_.pop_front();
-      const arbor_session_observer fn = fn_;
-      void* const user = user_;
+      const arbor_session_observer fn = over ? draining_fn_ : fn_;
+      void* const user = over ? draining_user_ : user_;
       lock.unlock();
       if (fn != nullptr) fn(&e, user);
       lock.lock();
@@ -114,6 +121,9 @@ class Observer {
   std::condition_variable wake_;
   arbor_session_observer fn_ = nullptr;  // guarded by mutex_
   void* user_ = nullptr;                 // guarded by mutex_
+  // The observer being cleared, which hears what was queued before.
+  arbor_session_observer draining_fn_ = nullptr;  // guarded by mutex_
+  void* draining_user_ = nullptr;                 // guarded by mutex_
   std::deque<arbor_session_event> queue_;  // guarded by mutex_
   uint32_t dropped_ = 0;                 // guarded by mutex_
   uint64_t generation_ = 0;              // guarded by mutex_: one per thread started

@@ -41,6 +41,14 @@ TEST(CrossProcess, LanSessionStreamsInOrderAndBothSidesEndClean) {
   // The hang-up reached S: its source was closed.
   EXPECT_NE(server.WaitForLine("demo.source: Close(", seconds(10)), "")
       << server.Output();
+  // Each side's observer heard its half begin and end: R hung up itself
+  // (no coz), S heard it from its peer.
+  EXPECT_NE(dialler.WaitForLine("observed begin - | net.", seconds(0)), "") << dialler.Output();
+  EXPECT_NE(dialler.WaitForLine("observed end - | net.", seconds(0)), "") << dialler.Output();
+  EXPECT_NE(server.WaitForLine("observed begin - | demo.source -> net.", seconds(10)), "");
+  EXPECT_NE(server.WaitForLine("observed end Peer_SessionDelete | demo.source -> net.", seconds(10)),
+            "")
+      << server.Output();
   server.Send("quit");
   EXPECT_EQ(server.Wait(seconds(15)), 0) << server.Output();
   EXPECT_NE(server.WaitForLine("clean", seconds(0)), "") << server.Output();
@@ -60,6 +68,10 @@ TEST(CrossProcess, KilledPeerEndsItsSessionsOnTheOtherSide) {
   dialler.Kill();
   EXPECT_NE(server.WaitForLine("demo.source: Close(", seconds(20)), "")
       << server.Output();
+  const std::string ended = server.WaitForLine("observed end ", seconds(10));
+  EXPECT_TRUE(ended.find("Present_0") != std::string::npos ||
+              ended.find("Lan_Write_error") != std::string::npos)
+      << ended;
   server.Send("quit");
   EXPECT_EQ(server.Wait(seconds(15)), 0) << server.Output();
   EXPECT_NE(server.WaitForLine("clean", seconds(0)), "") << server.Output();

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "arbor/observe.h"
 #include "arbor/sys.h"
 #include "device/forest.h"
 
@@ -43,9 +44,22 @@ inline int ThreadCount() {
   return n;
 }
 
-// Stops the library, prints "clean" or what is left, and says which.
+// Prints every session event of this peer as "observed <begin|end|fail>
+// <reason or -> | <chain>", from the observer's thread.
+inline void PrintSessionEvent(const arbor_session_event* e, void*) {
+  static const char* const kinds[] = {"?", "begin", "end", "fail"};
+  std::printf("observed %s %s | %s\n", kinds[e->kind <= 3 ? e->kind : 0],
+              e->reason[0] != '\0' ? e->reason : "-", e->chain);
+  std::fflush(stdout);
+}
+
+inline void ObserveSessions() { arbor_observe_sessions(PrintSessionEvent, nullptr); }
+
+// Stops the library, prints "clean" or what is left, and says which. The
+// observer, when set, hears the stop's own ends before it is cleared.
 inline bool StopAndCheck() {
   SysExit();
+  arbor_observe_sessions(nullptr, nullptr);
   const bool clean = forest_.head.next == nullptr && cmdq_cached_total() == 0 &&
                      ThreadCount() <= kOwnThreadsMax;
   std::printf("%s\n", clean ? "clean" : "NOT CLEAN");

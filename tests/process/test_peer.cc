@@ -78,6 +78,7 @@ void Present(const std::string& text) {
 
 int Serve(const std::string& lan_options, const char* presence) {
   SysInit(nullptr);
+  peer::ObserveSessions();
   SysRegisterDev(demo_source_class());
   if (presence != nullptr) ShowLocalData();
   if (LanNetworking(1, reinterpret_cast<intptr_t>(lan_options.c_str()), 0,
@@ -122,6 +123,7 @@ std::string DialChain(int peer, uint64_t chunks, const char* option,
 int Dial(const char* host, int port, uint64_t chunks, const char* option,
          const std::string& lan_options) {
   SysInit(nullptr);
+  peer::ObserveSessions();
   SysRegisterDev(demo_sink_class());
   if (LanNetworking(1, reinterpret_cast<intptr_t>(lan_options.c_str()), 0,
                     0) < 0)
@@ -166,6 +168,7 @@ uint16_t PresencePeer() {
 int DialPresence(uint64_t chunks, bool hangup, const std::string& lan_options,
                  const std::string& presence) {
   SysInit(nullptr);
+  peer::ObserveSessions();
   SysRegisterDev(demo_sink_class());
   ShowLocalData();
   if (LanNetworking(1, reinterpret_cast<intptr_t>(lan_options.c_str()), 0,

@@ -48,6 +48,7 @@ void OnHost(int32_t code, const char*, int32_t) {
 bool StartAndSignIn(cdef* driver, const char* host, int port, const char* login,
                     const char* ca) {
   SysInit(OnHost);
+  peer::ObserveSessions();
   SysRegisterDev(driver);
   if (ca != nullptr) {
     const std::string options = std::string("ca_file=") + ca + ";";

@@ -51,6 +51,10 @@ void RelayOneSession(const std::vector<std::string>& service_args, const std::st
   EXPECT_NE(sink.WaitForLine("out-of-order 0", seconds(0)), "") << sink.Output();
   EXPECT_NE(sink.WaitForLine("clean", seconds(0)), "") << sink.Output();
   EXPECT_NE(source.WaitForLine("demo.source: Close(", seconds(10)), "") << source.Output();
+  // The source's observer heard the service's session on it begin and end.
+  EXPECT_NE(source.WaitForLine("observed begin - | demo.source", seconds(0)), "")
+      << source.Output();
+  EXPECT_NE(source.WaitForLine("observed end ", seconds(10)), "") << source.Output();
   source.Send("quit");
   EXPECT_EQ(source.Wait(seconds(15)), 0) << source.Output();
   EXPECT_NE(source.WaitForLine("clean", seconds(0)), "") << source.Output();
