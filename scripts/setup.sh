@@ -17,6 +17,17 @@ packages=(
   openssl           # the openssl command: throwaway certificates in tests
   iproute2          # ip netns: the presence tests' private network
   libasio-dev       # standalone Asio 1.22: the socket transport (transport/net)
+  libgstreamer1.0-dev               # GStreamer core: the bridge in drivers/ (gst_*)
+  libgstreamer-plugins-base1.0-dev  # gstreamer-app-1.0: appsrc and appsink
+  gstreamer1.0-tools                # gst-launch-1.0, gst-inspect-1.0: trying pipelines by hand
+  gstreamer1.0-plugins-base         # videotestsrc, appsrc, appsink
+  gstreamer1.0-plugins-good         # matroskamux, mp4mux: containers a sink pipeline writes
+  gstreamer1.0-plugins-bad          # h264parse
+  gstreamer1.0-plugins-ugly         # x264enc
+  gstreamer1.0-libav                # avdec_h264
+  ffmpeg                            # ffprobe: the run script checks what a sink wrote
+  libcli11-dev                      # CLI11: the command line of tools/arbor-peer
+  nlohmann-json3-dev                # nlohmann-json: arbor-peer's control socket speaks JSON
 )
 
 missing=()
