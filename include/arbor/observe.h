@@ -129,8 +129,8 @@ typedef struct arbor_forest_snapshot {
 
 /*
  * Fills snapshot: node_count and session_count say how many there are;
- * the arrays hold the first ones that fit (a session whose node did not fit
- * is left out). Call again with larger arrays when a count exceeds its
+ * the arrays hold the first ones that fit, and a session whose node did
+ * not fit is not written (though counted). Call again with larger arrays when a count exceeds its
  * capacity. Any thread, the observer's included, but not from inside a
  * driver's slot (those may run under a tree lock, and this takes the
  * forest's locks for reading); it never waits for the command queue.

@@ -118,8 +118,11 @@ void lan_fanout(ResponseList* respr, const TreeNode* node, const void* data,
   auto* record = static_cast<uint32_t*>(frame_alloc(bytes));
   if (record == nullptr) return;
   record[0] = n;
-  for (uint32_t i = 0; i < n; ++i)
+  // The walk stops here, so each peer node is counted as it is named.
+  for (uint32_t i = 0; i < n; ++i) {
     record[1 + i] = static_cast<uint32_t>(node->children[i]->xfd.load());
+    observe_count(node->children[i], size);
+  }
   record[n + 1] = size;
   std::memcpy(record + n + 2, data, size);
   queue_write(respr, wr_lan_job, record, bytes, node, flags);
@@ -130,8 +133,11 @@ void lan_fanout(ResponseList* respr, const TreeNode* node, const void* data,
 void wan_record(ResponseList* respr, const TreeNode* node, const void* data,
                 uint32_t size, uint32_t flags) {
   bool any_active = false;
-  for (uint32_t i = 0; i < node->nchildren && !any_active; ++i)
-    any_active = node->children[i]->active != 0;
+  for (uint32_t i = 0; i < node->nchildren; ++i) {
+    if (node->children[i]->active == 0) continue;
+    any_active = true;
+    observe_count(node->children[i], size);  // the walk stops here
+  }
   if (!any_active) return;
   const size_t bytes = wan_record_bytes(size);
   auto* record = static_cast<uint32_t*>(frame_alloc(bytes));

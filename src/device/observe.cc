@@ -192,8 +192,8 @@ uint32_t snapshot_node(arbor_forest_snapshot* s, const TreeRoot* root, const Tre
     const LeafIndexEntry& row = root->leaves[i];
     if (row.leaf != node) continue;
     ++here;
-    if (!fits) continue;  // its node did not fit: left out, as documented
-    if (s->session_count < s->session_capacity) {
+    // Counted always; written only when both it and its node fit.
+    if (fits && s->session_count < s->session_capacity) {
       arbor_session_info& out = s->sessions[s->session_count];
       out = arbor_session_info{};
       out.node = static_cast<int32_t>(index);
