@@ -86,13 +86,14 @@ std::shared_ptr<HostLookup> HostLookup::Start(const std::string& host, uint16_t 
 
 void HostLookup::Finish(std::error_code ec, Endpoints found) {
   std::lock_guard lock(mutex_);
-  if (!done_) return;  // cancelled
+  if (!done_ || !executor_) return;  // cancelled
   // Posted under the mutex: Cancel, which the owner calls before its
   // io_context goes, cannot slip between the check and the post.
-  asio::post(executor_, [done = std::move(done_), ec, found = std::move(found)]() mutable {
+  asio::post(*executor_, [done = std::move(done_), ec, found = std::move(found)]() mutable {
     done(ec, std::move(found));
   });
   done_ = nullptr;
+  executor_.reset();  // while the io_context surely lives
 }
 
 void HostLookup::Cancel() {
@@ -101,6 +102,7 @@ void HostLookup::Cancel() {
     std::lock_guard lock(mutex_);
     dropped = std::move(done_);
     done_ = nullptr;
+    executor_.reset();  // the owner's io_context still lives here
   }
   // dropped (and the connection it may hold) goes here, outside the mutex.
 }

@@ -4,8 +4,11 @@
 // Asio's resolver runs getaddrinfo on a thread that its io_context joins when
 // it is destroyed, so UnInitLAN / UnInitWAN would wait out a slow or dead DNS
 // server (seconds per attempt). Here each look-up of a name runs on a
-// detached thread of its own; Cancel cuts the result off, and the thread
-// finishes in its own time without touching anything of its owner's.
+// detached thread of its own; Cancel cuts the result off. Finish and Cancel
+// both drop the executor (a strand of the owner's io_context) and the
+// callback at once, so the thread, which may hold the last reference to
+// this object long after the io_context is gone, touches nothing of its
+// owner's when it finishes.
 // A literal address needs no thread: it is answered through the executor.
 //
 // Threads at once are bounded by the owner's connections (one look-up per
@@ -18,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -49,9 +53,10 @@ class HostLookup {
  private:
   void Finish(std::error_code ec, Endpoints found);
 
-  Executor executor_;
   std::mutex mutex_;
-  Done done_;  // guarded by mutex_; empty once posted or cancelled
+  // Both guarded by mutex_, and empty once posted or cancelled.
+  std::optional<Executor> executor_;
+  Done done_;
 };
 
 // The error of a getaddrinfo result (EAI_*), in Asio's netdb terms.
