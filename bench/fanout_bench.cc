@@ -20,7 +20,10 @@
 // and the reported time is the window. The framework still gives the
 // machine's context (CPUs, load average) and --benchmark_repetitions=<n>
 // with medians. Every child is killed and reaped when its case ends, however
-// it ends (ChildProcess), and dies by itself if this program does.
+// it ends (BenchChild), and dies by itself if this program does.
+//
+// Counters: "value" is the engine's chunks per second, "anchor" raw TCP's,
+// both from the same case, so scripts/bench.sh pairs them per repetition.
 #include <benchmark/benchmark.h>
 #include <signal.h>
 
@@ -35,7 +38,8 @@
 #include <thread>
 #include <vector>
 
-#include "child_process.h"
+#include "bench_child.h"
+#include "bench_common.h"
 
 namespace {
 
@@ -45,17 +49,17 @@ using Clock = std::chrono::steady_clock;
 // How long a process may take to start and reach its first chunk or link.
 constexpr milliseconds kStartLimit{20000};
 // Streaming before the window opens: connections and queues settle.
-constexpr milliseconds kWarmup{1000};
+const milliseconds kWarmup{bench_scale(1000, 100)};
 // The measured window.
-constexpr milliseconds kWindow{3000};
+const milliseconds kWindow{bench_scale(3000, 200)};
 // How long a process may take to answer one question.
 constexpr milliseconds kAnswerLimit{2000};
 
-using Child = std::unique_ptr<ChildProcess>;
+using Child = std::unique_ptr<BenchChild>;
 
 Child Start(std::vector<std::string> args) {
   args.insert(args.begin(), ARBOR_BENCH_FANOUT_PEER_PATH);
-  return std::make_unique<ChildProcess>(args);
+  return std::make_unique<BenchChild>(args);
 }
 
 // What one side did in the window. error is empty when it was measured.
@@ -66,7 +70,7 @@ struct Window {
   std::string error;
 };
 
-std::string Failure(const char* step, const ChildProcess& child) {
+std::string Failure(const char* step, const BenchChild& child) {
   return std::string(step) + ": " + child.Output();
 }
 
@@ -74,11 +78,11 @@ std::string Failure(const char* step, const ChildProcess& child) {
 // they are taken as close together as the children answer) and returns the
 // first number of each answer in *first and the second in *second (when
 // asked). false when a child did not answer in time.
-bool Ask(const std::vector<ChildProcess*>& children, const char* verb, int tag,
+bool Ask(const std::vector<BenchChild*>& children, const char* verb, int tag,
          std::vector<uint64_t>* first, std::vector<uint64_t>* second = nullptr) {
   const std::string question = std::string(verb) + " " + std::to_string(tag);
-  for (ChildProcess* child : children) child->Send(question);
-  for (ChildProcess* child : children) {
+  for (BenchChild* child : children) child->Send(question);
+  for (BenchChild* child : children) {
     const std::string line = child->WaitForLine(question + " ", kAnswerLimit);
     if (line.empty()) return false;
     std::istringstream numbers(line.substr(question.size() + 1));
@@ -92,7 +96,7 @@ bool Ask(const std::vector<ChildProcess*>& children, const char* verb, int tag,
 
 // Streams for kWarmup, then counts over kWindow: the slowest receiver's
 // chunks per second, and what the server (when given) dropped meanwhile.
-Window Measure(const std::vector<ChildProcess*>& receivers, ChildProcess* server) {
+Window Measure(const std::vector<BenchChild*>& receivers, BenchChild* server) {
   Window w;
   std::this_thread::sleep_for(kWarmup);
   std::vector<uint64_t> before, after, frames_before, frames_after, dropped_before,
@@ -123,15 +127,14 @@ Window Measure(const std::vector<ChildProcess*>& receivers, ChildProcess* server
 // that sees a link drop before its own signal lands may still log a
 // level-0 line or two, which says nothing about the figures.
 void Stop(std::vector<Child>& receivers, Child& sender) {
-  for (const Child& child : receivers)
-    if (child->started()) kill(child->pid(), SIGKILL);
-  if (sender->started()) kill(sender->pid(), SIGKILL);
+  for (const Child& child : receivers) child->Signal();
+  sender->Signal();
   for (Child& child : receivers) child->Kill();
   sender->Kill();
 }
 
-std::vector<ChildProcess*> Pointers(const std::vector<Child>& children) {
-  std::vector<ChildProcess*> out;
+std::vector<BenchChild*> Pointers(const std::vector<Child>& children) {
+  std::vector<BenchChild*> out;
   for (const Child& child : children) out.push_back(child.get());
   return out;
 }
@@ -190,6 +193,8 @@ void BM_FanOut(benchmark::State& state) {
   state.counters["raw_tcp_chunks/s"] = raw.per_second;
   state.counters["ratio"] = raw.per_second > 0 ? engine.per_second / raw.per_second : 0;
   state.counters["dropped"] = static_cast<double>(engine.dropped);
+  state.counters["value"] = engine.per_second;
+  state.counters["anchor"] = raw.per_second;
 }
 
 BENCHMARK(BM_FanOut)

@@ -47,6 +47,15 @@ run_suite() {
 }
 
 run_suite build "" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# Benchmarks never pass or fail on their figures; a brief run of each only
+# proves that they still build and run.
+echo "== benchmarks: a brief run of each (scripts/bench.sh --smoke)"
+if bash scripts/bench.sh --smoke --build-dir build >/dev/null; then
+  passed=$((passed + 1))
+else
+  echo "== benchmarks: a benchmark did not run; see scripts/bench.sh --smoke"
+  failed=$((failed + 1))
+fi
 run_suite build-asan "" -DCMAKE_BUILD_TYPE=Debug -DARBOR_SANITIZE=address
 run_suite build-tsan "-E DeathTest" -DCMAKE_BUILD_TYPE=Debug \
   -DARBOR_SANITIZE=thread

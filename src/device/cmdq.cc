@@ -13,8 +13,16 @@
 //    timed queue's worker (Tree_timed_check, event_emit); the forest's own
 //    locks keep those apart (device/forest.h).
 //  - The mutex covers the list, the payload copy and the signal, never a
-//    handler. cached_total is an atomic counter beside it; it is raised
-//    before the item becomes visible, so it never dips below zero.
+//    handler. cached_total stands beside it as two atomic counters, bytes
+//    added by pushers and bytes taken away by the consumer, each on a cache
+//    line of its own, so that the two sides do not trade one line per
+//    command; the total is their difference. A push adds before its item
+//    becomes visible, so the total never dips below zero.
+//  - Items are reused: the consumer hands the items it has run back at its
+//    next hold of the mutex (up to kItemKeep kept), and a push takes one
+//    from there, so a stream of frames allocates no item per frame. A
+//    payload copy lives in its item up to kInlinePayload bytes, and in a
+//    block of the frame pool (mque/frame_pool.h) beyond.
 //  - Stop. The push of the exit marker (exitq, or a null handler) closes the
 //    queue: every later push is refused with "_commandq_push: commandq
 //    end.", nothing copied or counted. Everything accepted before the marker
@@ -53,15 +61,28 @@ struct CommandLink {
   CommandLink* prev;
 };
 
+// Payloads up to this size are copied into the item itself: a media frame
+// of an Ethernet-sized packet with its record head, a sid, most control
+// texts. With items reused, such a command then needs no allocation at
+// all, and the two threads do not meet on a pool's mutex once per frame.
+// Larger payloads take a block of the frame pool. Known cost: an item is
+// about 1.6 KiB, so commands waiting in a long queue take that each.
+constexpr uint32_t kInlinePayload = 1536;
+
 struct CommandItem {
   CommandLink link;  // first, so a link converts to its item
   CommandHandler fn;  // never null in a queued item
   uintptr_t arg;      // handed through untouched
-  void* payload;      // the queue's copy, or null
+  void* payload;      // the queue's copy (inline, or a pool block), or null
   uint32_t size;      // bytes of payload, or the pusher's number
+  alignas(16) unsigned char inline_payload[kInlinePayload];
 };
 
 const pthread_t kNoThread = static_cast<pthread_t>(-1);
+
+// Spent items kept for reuse (at most 512 x 1.6 KiB = 800 KiB): two
+// batches of a busy receiving road.
+constexpr uint32_t kItemKeep = 512;
 
 struct CommandQueue {
   CommandLink head;
@@ -73,8 +94,13 @@ struct CommandQueue {
   // The consumer; kNoThread when there is none. Guarded by mutex.
   pthread_t commandq_thread_;
   CommandItem* exit_item;  // the marker's item until the marker is pushed
-  // Items accepted and not yet run (raised under mutex, lowered by the
-  // consumer after each run).
+  // Items to reuse, linked by link.next; guarded by mutex.
+  CommandItem* free_items;
+  uint32_t free_count;
+  // Items accepted and not yet handed back: raised by each push and lowered
+  // by the consumer for a whole batch at its next hold of the mutex, so the
+  // two threads do not trade this word's cache line once per command. Only
+  // changed under mutex; read without it (cmdq_queued).
   std::atomic<uint32_t> queued;
 };
 
@@ -88,10 +114,34 @@ CommandQueue queue_ = {
     .condiction = PTHREAD_COND_INITIALIZER,
     .commandq_thread_ = kNoThread,
     .exit_item = nullptr,
+    .free_items = nullptr,
+    .free_count = 0,
     .queued = 0,
 };
 
-std::atomic<uint32_t> cached_total{0};
+struct alignas(64) CachedCount {
+  std::atomic<uint32_t> bytes{0};
+};
+CachedCount cached_added, cached_taken;
+
+// The taken side is read first: whatever it counts was added before.
+uint32_t cached_now() {
+  const uint32_t taken = cached_taken.bytes.load();
+  return cached_added.bytes.load() - taken;
+}
+
+// cached_size_inc and cached_size_dec without a result, for the queue's
+// own use: the total (the other side's line) is read only for the trace.
+void cached_add(uint32_t size) {
+  cached_added.bytes.fetch_add(size);
+  if (LOG_GetLevel() >= 3)
+    ARBOR_LOG(3, "cached: inc size=%u, total=%u", size, cached_now());
+}
+void cached_take(uint32_t size) {
+  cached_taken.bytes.fetch_add(size);
+  if (LOG_GetLevel() >= 3)
+    ARBOR_LOG(3, "cached: dec size=%u, total=%u", size, cached_now());
+}
 
 thread_local bool on_consumer = false;
 
@@ -108,12 +158,49 @@ bool cmdq_alloc_allowed() {
   return true;
 }
 
-CommandItem* cmdq_item_new() {
-  return cmdq_alloc_allowed() ? new (std::nothrow) CommandItem{} : nullptr;
+// An item for a push: a reused one, or a new one. q.mutex held.
+CommandItem* cmdq_item_new(CommandQueue& q) {
+  if (!cmdq_alloc_allowed()) return nullptr;
+  if (CommandItem* item = q.free_items) {
+    q.free_items = reinterpret_cast<CommandItem*>(item->link.next);
+    --q.free_count;
+    return item;
+  }
+  return new (std::nothrow) CommandItem{};
 }
 
-void* cmdq_payload_copy(const void* payload, uint32_t size) {
-  return cmdq_alloc_allowed() ? frame_dup(payload, size) : nullptr;
+// Frees a chain of items linked by link.next.
+void cmdq_items_delete(CommandItem* items) {
+  while (items != nullptr) {
+    auto* next = reinterpret_cast<CommandItem*>(items->link.next);
+    delete items;
+    items = next;
+  }
+}
+
+// Moves spent items onto the free list while it has room; what is left in
+// *spent is the caller's to delete, outside the mutex. q.mutex held.
+void cmdq_items_keep(CommandQueue& q, CommandItem** spent) {
+  while (*spent != nullptr && q.free_count < kItemKeep) {
+    CommandItem* item = *spent;
+    *spent = reinterpret_cast<CommandItem*>(item->link.next);
+    item->link.next = reinterpret_cast<CommandLink*>(q.free_items);
+    q.free_items = item;
+    ++q.free_count;
+  }
+}
+
+// The queue's copy of a payload, in item or in a pool block; null when it
+// cannot be made.
+void* cmdq_payload_copy(CommandItem* item, const void* payload, uint32_t size) {
+  if (!cmdq_alloc_allowed()) return nullptr;
+  if (size > kInlinePayload) return frame_dup(payload, size);
+  std::memcpy(item->inline_payload, payload, size);
+  return item->inline_payload;
+}
+
+void cmdq_payload_free(CommandItem* item) {
+  if (item->payload != item->inline_payload) frame_free(item->payload, item->size);
 }
 
 const void* fn_address(CommandHandler fn) {
@@ -155,13 +242,13 @@ CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
       item = q.exit_item;  // made by device_start: the stop cannot fail
       q.exit_item = nullptr;
     } else {
-      item = cmdq_item_new();
+      item = cmdq_item_new(q);
     }
     // The marker carries no payload, so its preallocated item is never
     // lost to a failed copy.
     void* copy = nullptr;
     if (item != nullptr && fn != exitq && size != 0 && payload != nullptr) {
-      copy = cmdq_payload_copy(payload, size);
+      copy = cmdq_payload_copy(item, payload, size);
       if (copy == nullptr) {
         delete item;
         item = nullptr;
@@ -172,13 +259,14 @@ CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
                 fn_address(fn), size);
       return nullptr;
     }
-    *item = CommandItem{.link = {q.head.next, &q.head},
-                        .fn = fn,
-                        .arg = arg,
-                        .payload = copy,
-                        .size = size};
+    // Field by field: the inline payload is already in place.
+    item->link = {q.head.next, &q.head};
+    item->fn = fn;
+    item->arg = arg;
+    item->payload = copy;
+    item->size = size;
     q.last_fn = fn;
-    if (copy != nullptr) cached_size_inc(size);
+    if (copy != nullptr) cached_add(size);
     q.head.next->prev = &item->link;
     q.head.next = &item->link;
     q.queued.fetch_add(1, std::memory_order_relaxed);
@@ -201,8 +289,9 @@ CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
   return fn;
 }
 
-// Runs one command outside the mutex and frees its item; true for the
-// marker, after which nothing more was accepted.
+// Runs one command outside the mutex and frees its payload (the item is
+// the caller's to keep or free); true for the marker, after which nothing
+// more was accepted.
 bool run_command(CommandItem* item) {
   const CommandHandler fn = item->fn;
   ARBOR_LOG(3, "%s: execute function:%p", "Thread_commandq_consume",
@@ -211,11 +300,9 @@ bool run_command(CommandItem* item) {
   ARBOR_LOG(3, "%s: execute function:%p, return", "Thread_commandq_consume",
             fn_address(fn));
   if (item->payload != nullptr) {
-    cached_size_dec(item->size);
-    frame_free(item->payload, item->size);
+    cached_take(item->size);
+    cmdq_payload_free(item);
   }
-  delete item;
-  queue_.queued.fetch_sub(1, std::memory_order_relaxed);
   return fn == exitq;
 }
 
@@ -226,6 +313,8 @@ void* Thread_commandq_consume(void* arg) {
   on_consumer = true;
   ARBOR_LOG(3, "%s running: %#x", "Thread_commandq_consume", kernel_tid());
   bool ended = false;
+  CommandItem* spent = nullptr;  // items run since the last hold of the mutex
+  uint32_t ran = 0;              // how many
   while (!ended) {
     // Everything queued is taken in one hold of the mutex, so a busy
     // producer and the consumer meet on it once per batch, not per command;
@@ -233,6 +322,9 @@ void* Thread_commandq_consume(void* arg) {
     CommandLink* oldest;
     {
       QueueLock lock(&q->mutex);
+      q->queued.fetch_sub(ran, std::memory_order_relaxed);
+      ran = 0;
+      cmdq_items_keep(*q, &spent);
       while (q->head.prev == &q->head) {
         pthread_cond_wait(&q->condiction, &q->mutex);
         ARBOR_LOG(3, "cond-wait-return: cond=%s,mutex=%s{.", "q->condiction",
@@ -243,17 +335,33 @@ void* Thread_commandq_consume(void* arg) {
       q->head.prev = &q->head;
       q->head.next = &q->head;
     }
+    cmdq_items_delete(spent);  // what the free list had no room for
+    spent = nullptr;
     for (CommandLink* link = oldest; link != nullptr && !ended;) {
       auto* item = reinterpret_cast<CommandItem*>(link);
-      link = link->prev;  // the next newer, read before the item is freed
+      link = link->prev;  // the next newer, read before the item is reused
       ended = run_command(item);
+      item->link.next = reinterpret_cast<CommandLink*>(spent);
+      spent = item;
+      ++ran;
     }
+    // Housekeeping between batches, not a command: it changes no live
+    // tree and so cannot reorder anything the queue delivers.
+    if (!ended) forest_sweep_closed();
   }
   forest_make_clean();
+  CommandItem* kept;
   {
+    // Closed: no push takes an item any more.
     QueueLock lock(&q->mutex);
     q->commandq_thread_ = kNoThread;
+    q->queued.fetch_sub(ran, std::memory_order_relaxed);
+    kept = q->free_items;
+    q->free_items = nullptr;
+    q->free_count = 0;
   }
+  cmdq_items_delete(kept);
+  cmdq_items_delete(spent);
   ARBOR_LOG(3, "%s exit: %#x.", "Thread_commandq_consume", kernel_tid());
   return nullptr;
 }
@@ -270,6 +378,8 @@ ARBOR_EXPORT int32_t device_initialize(void) {
   {
     std::lock_guard<std::mutex> lock(forest_.mutex);
     forest_.head.next = nullptr;
+    forest_.roots = 0;
+    forest_.closed_unswept = 0;
   }
   const char* path = std::getenv("DEVICE_PATH");
   if (path != nullptr) return cdef_init(path);
@@ -296,6 +406,8 @@ ARBOR_EXPORT int32_t device_start(void) {
   q.head = {&q.head, &q.head};
   q.commandq_thread_ = kNoThread;
   q.queued = 0;
+  q.free_items = nullptr;  // the last consumer freed its items at its end
+  q.free_count = 0;
   q.last_fn = exitq;  // closed until the consumer runs
   delete q.exit_item;
   q.exit_item = new (std::nothrow) CommandItem{};
@@ -340,20 +452,22 @@ ARBOR_EXPORT CommandHandler cmdq_push(const char* name, CommandHandler fn,
 }
 
 ARBOR_EXPORT uint32_t cached_size_inc(uint32_t size) {
-  const uint32_t total = cached_total.fetch_add(size) + size;
+  cached_added.bytes.fetch_add(size);
+  const uint32_t total = cached_now();
   ARBOR_LOG(3, "cached: inc size=%u, total=%u", size, total);
   return total;
 }
 
 ARBOR_EXPORT uint32_t cached_size_dec(uint32_t size) {
-  const uint32_t total = cached_total.fetch_sub(size) - size;
+  cached_taken.bytes.fetch_add(size);
+  const uint32_t total = cached_now();
   ARBOR_LOG(3, "cached: dec size=%u, total=%u", size, total);
   return total;
 }
 
 }  // extern "C"
 
-uint32_t cmdq_cached_total() { return cached_total.load(); }
+uint32_t cmdq_cached_total() { return cached_now(); }
 
 uint32_t cmdq_queued() { return queue_.queued.load(std::memory_order_relaxed); }
 

@@ -2,8 +2,11 @@
 // linking a new root, finding the tree of a sid, and the rule that says
 // whether a branch may run at once.
 //
-// The list is short (one entry per opened source), so every search is a
-// plain walk under the forest mutex. Roots are linked here and unlinked only
+// The list holds one entry per opened source (and closed ones until a sweep
+// frees them, sweep.cc), so every search is a plain walk under the forest
+// mutex. Known cost: a look-up by sid takes each root's lock in turn, O(n)
+// in the roots; with thousands of sources open, every session command
+// pays for that walk. Roots are linked here and unlinked only
 // by the sweeps (sweep.cc).
 #include <cstdlib>
 #include <cstring>
@@ -52,6 +55,7 @@ void forest_link(TreeRoot* root) {
   std::lock_guard<std::mutex> lock(forest_.mutex);
   root->next = forest_.head.next;
   forest_.head.next = root;
+  forest_.roots.fetch_add(1, std::memory_order_relaxed);
 }
 
 LeafIndexEntry* root_find_leaf_by_sid(TreeRoot* root, const char* sid) {

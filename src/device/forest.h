@@ -120,6 +120,11 @@ struct Forest {
   TreeRoot head;
   std::mutex mutex;      // the list: every next, and unlinking
   std::mutex use_mutex;  // use_count of every root
+  // Roots in the list, and roots closed since the last sweep: only the
+  // trigger of forest_sweep_closed reads them, so a count that is off by a
+  // few sweeps a little early or late, never wrongly.
+  std::atomic<int32_t> roots;
+  std::atomic<int32_t> closed_unswept;
 };
 
 extern Forest forest_;
@@ -283,6 +288,13 @@ TreeRoot* forest_ref_tree(const cdef* device, uint32_t uid, int32_t xfd);
 // The consumer's last work: ends every session and frees every root, in
 // passes 100000 us apart, until the forest is empty.
 void forest_make_clean();
+
+// Sweeps as forest_ref_tree does, finding nothing, once the roots closed
+// since the last sweep are an eighth of the forest. Run by the consumer
+// between its batches of commands, so that a host that only dials and hangs
+// up (no data path, hence no forest_ref_tree) does not keep every closed
+// root, and its finished read thread, until the stop. Consumer thread only.
+void forest_sweep_closed();
 
 // ------------------------------------------------------------- cmdq.cc
 

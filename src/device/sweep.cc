@@ -1,7 +1,9 @@
-// device/sweep.cc - the two places that unlink roots from the forest and
-// free them: forest_ref_tree, the look-up of the data paths, which sweeps
-// dead roots as it walks, and forest_make_clean, the consumer's last work,
-// which sweeps until the forest is empty. Both join finished read threads.
+// device/sweep.cc - the places that unlink roots from the forest and free
+// them: forest_ref_tree, the look-up of the data paths, which sweeps dead
+// roots as it walks; forest_sweep_closed, the same walk without a key, which
+// the consumer runs between batches once enough roots have closed; and
+// forest_make_clean, the consumer's last work, which sweeps until the
+// forest is empty. All join finished read threads.
 //
 // Both run on the consumer only, so no two sweeps meet. A root is freed only
 // when its use_count is 0: no branch, no read thread and no holder keeps it,
@@ -20,6 +22,11 @@ namespace {
 
 // Microseconds between two passes of the final sweep.
 constexpr useconds_t kMakeCleanPause = 100000;
+// forest_sweep_closed walks the forest once the roots closed since the last
+// sweep are at least 1/kSweepShare of it: each close then pays a constant
+// share of the walk, and closed roots stay at most that share of the list
+// (plus those whose read thread had not ended when the walk came by).
+constexpr int32_t kSweepShare = 8;
 
 void root_join_thread(TreeRoot* root) {
   ARBOR_LOG(3, "thread-join: %s{ ...", "root->thread");
@@ -31,6 +38,7 @@ void root_join_thread(TreeRoot* root) {
 // Takes root out of the list behind prev and frees it.
 void forest_unlink_free(TreeRoot* prev, TreeRoot* root) {
   prev->next = root->next;
+  forest_.roots.fetch_sub(1, std::memory_order_relaxed);
   _destroy_root(root);
 }
 
@@ -62,14 +70,9 @@ void forest_clean_pass() {
   }
 }
 
-}  // namespace
-
-// Three compares per live root. A dead root (no references, or a finished
-// read thread) is dealt with where it stands: its sessions end with
-// "Thread_Terminated", its thread is joined, and without references it is
-// unlinked and freed; a root that a holder still keeps is looked at again
-// as a live one. Never returns a root whose thread has finished.
-TreeRoot* forest_ref_tree(const cdef* device, uint32_t uid, int32_t xfd) {
+// The walk of forest_ref_tree; with a null device it finds nothing (a
+// linked root always has a class) and only sweeps.
+TreeRoot* sweep_walk(const cdef* device, uint32_t uid, int32_t xfd) {
   std::lock_guard<std::mutex> lock(forest_.mutex);
   TreeRoot* prev = &forest_.head;
   TreeRoot* root = prev->next;
@@ -94,6 +97,27 @@ TreeRoot* forest_ref_tree(const cdef* device, uint32_t uid, int32_t xfd) {
     root = prev->next;
   }
   return nullptr;
+}
+
+}  // namespace
+
+// Three compares per live root. A dead root (no references, or a finished
+// read thread) is dealt with where it stands: its sessions end with
+// "Thread_Terminated", its thread is joined, and without references it is
+// unlinked and freed; a root that a holder still keeps is looked at again
+// as a live one. Never returns a root whose thread has finished.
+TreeRoot* forest_ref_tree(const cdef* device, uint32_t uid, int32_t xfd) {
+  return sweep_walk(device, uid, xfd);
+}
+
+void forest_sweep_closed() {
+  const int32_t closed = forest_.closed_unswept.load(std::memory_order_relaxed);
+  if (closed <= 0 ||
+      closed * kSweepShare < forest_.roots.load(std::memory_order_relaxed)) {
+    return;
+  }
+  forest_.closed_unswept.fetch_sub(closed, std::memory_order_relaxed);
+  sweep_walk(nullptr, 0, 0);
 }
 
 // Passes repeat, each ending with a pause, until the forest is empty; an

@@ -169,6 +169,7 @@ void root_close(TreeRoot* root) {
   std::free(root->leaves);
   root->leaves = nullptr;
   root->exclusive = 1;
+  forest_.closed_unswept.fetch_add(1, std::memory_order_relaxed);
   if (cmdq_on_consumer()) root_prune(root);
 }
 

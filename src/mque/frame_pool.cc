@@ -20,12 +20,13 @@ struct SizeClass {
   size_t kept = 0;            // guarded by mutex
 };
 
-// 16 KiB, and one whole frame of the wire (65,535 bytes) with any record
-// head in front of it.
-SizeClass classes_[] = {{16u << 10, {}}, {72u << 10, {}}};
+// A small media frame (an RTP packet of a few hundred bytes) with its record
+// head, one of an Ethernet-sized frame, 16 KiB, and one whole frame of the
+// wire (65,535 bytes) with any record head in front of it.
+SizeClass classes_[] = {
+    {256, {}}, {2u << 10, {}}, {16u << 10, {}}, {72u << 10, {}}};
 
 SizeClass* class_of(size_t size) {
-  if (size <= kFrameSmallest) return nullptr;
   for (SizeClass& c : classes_)
     if (size <= c.block) return &c;
   return nullptr;

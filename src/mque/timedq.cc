@@ -9,8 +9,12 @@
 // Ordering guarantees that callers build on:
 //  - Entries sit in one singly linked list sorted by due time; an entry goes
 //    before the first one that is strictly later, so entries of equal time
-//    run in the order of posting. Insertion walks the list from the head:
-//    O(n) per post, cheap for the tens of entries the engine keeps pending.
+//    run in the order of posting. An entry due no earlier than the last one
+//    goes behind it at once: every session posts its time-out check at the
+//    same delay, so with thousands of sessions pending the list is long and
+//    such posts are the common case. Any other insertion walks the list
+//    from the head, O(n); those are posts due at once, which stop at the
+//    first pending entry that is later.
 //  - One consumer, the worker. It sleeps on the condition until the head is
 //    due or a post signals (no polling), then cuts off every due entry as a
 //    batch, releases the lock and runs the batch. All entries of a batch are
@@ -67,6 +71,7 @@ struct TimedQueue {
   // that seeing the marker also shows the list as it was when it was set).
   std::atomic<TqHandler> last_fn;
   TqExec* head;  // earliest entry, null when empty; guarded by mutex
+  TqExec* tail;  // latest entry, null when empty; guarded by mutex
   pthread_mutex_t mutex;
   pthread_cond_t cond;  // signalled on every accepted post
   pthread_t thread;     // the worker, joinable
@@ -191,11 +196,16 @@ TqPosted tq_link(TimedQueue* q, uint32_t delay, TqExec* e) {
     std::free(e);
     return TqPosted::kDropped;
   }
+  const TqTime due{e->sec, e->nsec};
   TqExec** link = &q->head;
-  while (*link != nullptr && !tq_later(*link, TqTime{e->sec, e->nsec}))
-    link = &(*link)->next;
+  if (q->tail != nullptr && !tq_later(q->tail, due)) {
+    link = &q->tail->next;
+  } else {
+    while (*link != nullptr && !tq_later(*link, due)) link = &(*link)->next;
+  }
   e->next = *link;
   *link = e;
+  if (e->next == nullptr) q->tail = e;
   q->last_fn.store(e->fn, std::memory_order_release);
   pthread_cond_signal(&q->cond);  // also when the head didn't change
   pthread_mutex_unlock(&q->mutex);
@@ -230,6 +240,7 @@ void* tq_thread_func(void* param) {
       tq_wait(q, &until);
     }
     TqExec* batch = tq_cut_due(&q->head, now);
+    if (q->head == nullptr) q->tail = nullptr;
     pthread_mutex_unlock(&q->mutex);
     tq_run_list(batch, now);
   }
@@ -243,6 +254,7 @@ void* tq_thread_func(void* param) {
   pthread_mutex_lock(&q->mutex);
   TqExec* rest = q->head;
   q->head = nullptr;
+  q->tail = nullptr;
   pthread_mutex_unlock(&q->mutex);
   TqExec* marker = rest;
   while (marker != nullptr && marker->fn != tq_exit_marker)
@@ -304,6 +316,7 @@ void tq_cancel_job(int32_t, uintptr_t record, int32_t, char**) {
   TqExec** tail = &chain;
   pthread_mutex_lock(&q->mutex);
   TqExec** link = &q->head;
+  TqExec* kept = nullptr;  // the last entry that stays: the new tail
   while (*link != nullptr) {
     TqExec* e = *link;
     if (c->filter(c->filter_arg, e->fn, e->arg, e->argc, e->argv) != 0) {
@@ -312,9 +325,11 @@ void tq_cancel_job(int32_t, uintptr_t record, int32_t, char**) {
       *tail = e;
       tail = &e->next;
     } else {
+      kept = e;
       link = &e->next;
     }
   }
+  q->tail = kept;
   pthread_mutex_unlock(&q->mutex);
   if (chain != nullptr) tq_run_list(chain, tq_pseudo_now(chain));
 }

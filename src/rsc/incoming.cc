@@ -11,6 +11,7 @@
 // posts on whatever thread the driver calls from; they share nothing but
 // the queue.
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,6 +37,14 @@ struct InbandFrame {
   char text[kLanInbandRoom];
 };
 
+// Media frames up to this size are copied into a record on the pusher's
+// stack (an InbandFrame): the queue copies the record at once, so it need
+// not outlive the push, and a small frame then costs no allocation beyond
+// the queue's own. Larger ones take a block of the frame pool.
+constexpr uint32_t kStackRecordRoom = sizeof(InbandFrame::text);
+static_assert(offsetof(InbandFrame, text) == kHead,
+              "the payload follows the record's head");
+
 // The 16-bit word at byte 2 and the 32-bit word at byte 0 of a media frame,
 // for the trace: with RTP framing, the sequence number and the first header
 // word, read in network order. Bytes past size read as 0.
@@ -59,12 +68,15 @@ uint32_t frame_word(const void* data, uint32_t size) {
 void push_media(uint32_t uid, const cdef* cls, int32_t xfd, uint32_t flags,
                 const void* data, uint32_t size) {
   if (data == nullptr || size == 0 || size > UINT32_MAX - kHead) return;
-  auto* record = static_cast<InbandRecord*>(frame_alloc(kHead + size));
+  InbandFrame small;
+  auto* record = size <= kStackRecordRoom
+                     ? &small.head
+                     : static_cast<InbandRecord*>(frame_alloc(kHead + size));
   if (record == nullptr) return;
   *record = InbandRecord{uid, const_cast<cdef*>(cls), xfd, flags, size};
   std::memcpy(record + 1, data, size);
   cmdq_push("Tree_inflate", Tree_inflate, 0, record, kHead + size);
-  frame_free(record, kHead + size);
+  if (record != &small.head) frame_free(record, kHead + size);
 }
 
 // A LAN in-band text, encoded again with its sender named. A text that

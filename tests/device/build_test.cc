@@ -195,4 +195,38 @@ TEST_F(Setup, EndingALongerChainKeepsTheLeafItRanThrough) {
   EXPECT_EQ(Closes(), (std::vector<int32_t>{102, 101, 100}));
 }
 
+// A local chain runs at once: no time-out check is left behind for it. A
+// chain that ends at a peer waits for the peer's word and gets one.
+TEST_F(Setup, EveryIndexedBranchIsPostedATimeOutCheck) {
+  Request local = MakeRequest(0, "s1", {Hop(&dev, "cam.1"), Hop(&dev, "disp.1")});
+  Request to_peer =
+      MakeRequest(7, "s2", {Hop(&dev, "mic.1"), Hop(get_lan_cdef(), "net.lan")});
+  PushRequest(Tree_new_partial, local);
+  PushRequest(Tree_new_partial, to_peer);
+  Drain();
+  ASSERT_NE(LeafOf("s1"), nullptr);
+  ASSERT_NE(LeafOf("s2"), nullptr);
+  // Also a branch that is active at once: the check then finds it active.
+  EXPECT_EQ(PendingChecks(), (std::vector<std::string>{"s1", "s2"}));
+}
+
+// Sessions that come and go with no data path (nothing calls
+// forest_ref_tree) still leave no closed roots behind: the consumer sweeps
+// them between its batches.
+TEST_F(Setup, ClosedRootsGoWithoutDataTraffic) {
+  constexpr int kSessions = 16;
+  for (int i = 0; i < kSessions; ++i) {
+    const std::string sid = "c" + std::to_string(i);
+    Request r = MakeRequest(0, sid, {Hop(&dev, "cam.1"), Hop(&dev, "disp.1")});
+    r.dx()->exclusive = 1;  // a root each
+    PushRequest(Tree_new_partial, r);
+  }
+  Drain();
+  ASSERT_EQ(RootCount(), kSessions);
+  for (int i = 0; i < kSessions; ++i) Destroy("c" + std::to_string(i));
+  Drain();  // the hang-ups ran; the sweep follows their batch
+  Drain();
+  EXPECT_EQ(RootCount(), 0);
+}
+
 }  // namespace

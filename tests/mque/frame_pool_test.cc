@@ -1,6 +1,6 @@
-// The frame pool: large blocks come back to the next taker of their class,
-// every block holds what was asked for, small and oversized sizes pass
-// through to malloc, and takers on several threads never share a block.
+// The frame pool: blocks come back to the next taker of their class, every
+// block holds what was asked for, oversized sizes pass through to malloc,
+// and takers on several threads never share a block.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,7 +14,8 @@
 namespace {
 
 TEST(FramePool, ABlockGoesBackToTheNextTakerOfItsClass) {
-  for (const size_t size : {size_t{4097}, size_t{16384}, size_t{16385}, size_t{63488 + 20}}) {
+  for (const size_t size : {size_t{1}, size_t{188 + 20}, size_t{257}, size_t{1400 + 20},
+                            size_t{4097}, size_t{16384}, size_t{16385}, size_t{63488 + 20}}) {
     void* first = frame_alloc(size);
     ASSERT_NE(first, nullptr);
     std::memset(first, 0x5a, size);  // the whole size is ours (ASan checks)
@@ -23,8 +24,8 @@ TEST(FramePool, ABlockGoesBackToTheNextTakerOfItsClass) {
     EXPECT_EQ(again, first) << size;
     frame_free(again, size);
   }
-  // Outside the classes: plain malloc and free, any size works.
-  for (const size_t size : {size_t{1}, size_t{4096}, size_t{200000}}) {
+  // Past the classes: plain malloc and free.
+  for (const size_t size : {size_t{(72u << 10) + 1}, size_t{200000}}) {
     void* block = frame_alloc(size);
     ASSERT_NE(block, nullptr);
     std::memset(block, 1, size);

@@ -176,8 +176,12 @@ TEST_F(TimedQueueTest, CancelIfRunsSelectedEntriesAtOnceInTimeOrder) {
   ASSERT_NE(tq_cancel_if(q_, SelectAllBut, 2), nullptr);
   ASSERT_EQ(RunArgs(), (Args{1, 3}));
   EXPECT_EQ(runs[0].elapsed, 1);
+  // New posts find their places among what stayed: one later than all
+  // goes last, one earlier than the last goes before it.
+  Post(50000, 4);
+  Post(40000, 5);
   Destroy();
-  EXPECT_EQ(RunArgs(), (Args{1, 3, 2}));
+  EXPECT_EQ(RunArgs(), (Args{1, 3, 5, 2, 4}));
 }
 
 // Due 200 ms ahead: a send that didn't wait would return before the run.
