@@ -1,68 +1,32 @@
-// Helpers shared by the engine tests: the log lines a case produced, and the
-// calls that the scripted transport recorded.
+// Helpers shared by the engine tests: the log lines a case produced
+// (log_capture.h), a bounded wait for a condition, and the calls that the
+// scripted transport recorded.
 #ifndef ARBOR_TESTS_TEST_HELPERS_H
 #define ARBOR_TESTS_TEST_HELPERS_H
 
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "arbor/support.h"
+#include "log_capture.h"
 #include "scripted_transport.h"
 
-// Collects every log line up to `level` while it lives.
-class LogCapture {
- public:
-  explicit LogCapture(int level = 3) : previous_(LOG_SetLevel(level)) {
-    LOG_SetSink(&LogCapture::Sink, this);
+// Polls cond every millisecond until it holds or `limit` passes; whether it
+// held.
+inline bool WaitFor(const std::function<bool()>& cond,
+                    std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!cond()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  ~LogCapture() {
-    LOG_SetSink(nullptr, nullptr);
-    LOG_SetLevel(previous_);
-  }
-  size_t Count() {
-    std::lock_guard hold(mutex_);
-    return lines_.size();
-  }
-  // Index of the first line containing text, or -1.
-  int Find(const std::string& text) {
-    std::lock_guard hold(mutex_);
-    for (size_t i = 0; i < lines_.size(); ++i)
-      if (lines_[i].find(text) != std::string::npos) return static_cast<int>(i);
-    return -1;
-  }
-  bool Has(const std::string& text) { return Find(text) >= 0; }
-  // Whether a line of exactly `level` contains text: some faults differ
-  // from correct behaviour only in the level of a line.
-  bool HasAt(int level, const std::string& text) {
-    std::lock_guard hold(mutex_);
-    for (size_t i = 0; i < lines_.size(); ++i)
-      if (levels_[i] == level && lines_[i].find(text) != std::string::npos)
-        return true;
-    return false;
-  }
-  // Every line caught, for a failing case's output.
-  std::string Dump() {
-    std::lock_guard hold(mutex_);
-    std::string all;
-    for (const std::string& line : lines_) all += line + "\n";
-    return all;
-  }
-
- private:
-  static void Sink(void* self, int level, const char* line, size_t length) {
-    auto* capture = static_cast<LogCapture*>(self);
-    std::lock_guard hold(capture->mutex_);
-    capture->lines_.emplace_back(line, length);
-    capture->levels_.push_back(level);
-  }
-  int previous_;
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-  std::vector<int> levels_;
-};
+  return true;
+}
 
 // The index-th recorded call of fn, which must exist.
 inline scripted_call Recorded(scripted_fn fn, size_t index) {
@@ -76,13 +40,14 @@ inline std::string Payload(const scripted_call& call) {
   return std::string(reinterpret_cast<const char*>(call.data), call.size);
 }
 
-// Every control text the scripted transport carried to the service, in
-// order.
-inline std::vector<std::string> WanTexts() {
+// Every control text the scripted transport carried to the service (under
+// AS code asc, unless it is -1), in order.
+inline std::vector<std::string> WanTexts(int32_t asc = -1) {
   std::vector<std::string> texts;
   scripted_call call;
   for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i)
-    if (call.text != nullptr) texts.emplace_back(call.text, call.text_size);
+    if (call.text != nullptr && (asc == -1 || call.asc == asc))
+      texts.emplace_back(call.text, call.text_size);
   return texts;
 }
 

@@ -6,7 +6,6 @@
 namespace {
 
 using forest_test::ForestTest;
-using forest_test::WaitFor;
 
 class CommandQueue : public ForestTest {};
 

@@ -113,13 +113,6 @@ inline void Row(TreeNode* leaf, const char* sid, uint32_t uid,
   root->leaves[root->leaves_size++] = {stringdup(sid), leaf, uid, ascode, 0};
 }
 
-// Waits up to 10 s for cond; true when it held.
-inline bool WaitFor(const std::function<bool()>& cond) {
-  for (int i = 0; i < 10000; ++i, usleep(1000))
-    if (cond()) return true;
-  return cond();
-}
-
 // A read thread as the forest sees one: it holds a reference, runs in state
 // 2 and, when told (-1), sets -111 and drops its reference last.
 inline void* FakeReader(void* arg) {

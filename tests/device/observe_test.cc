@@ -18,6 +18,7 @@
 #include "arbor/rsc.h"
 #include "arbor/sys.h"
 #include "demo_drivers.h"
+#include "test_helpers.h"
 
 namespace {
 
@@ -67,16 +68,6 @@ class Recorder {
   std::vector<Seen> seen_;
 };
 
-// Waits until pred holds, up to kLimit.
-bool Eventually(const std::function<bool()>& pred) {
-  const auto end = std::chrono::steady_clock::now() + kLimit;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
 std::string Dial(const char* source_option) {
   char text[256];
   std::snprintf(text, sizeof text, "ftN0=demo.source;opN0=%s;ftN1=demo.sink;opN1=/dev/null;",
@@ -114,7 +105,7 @@ TEST_F(Observe, ALocalSessionBeginsCountsChunksPerNodeAndEndsWithItsReason) {
   arbor_node_info nodes[8];
   arbor_session_info sessions[8];
   arbor_forest_snapshot snap{nodes, 8, 0, sessions, 8, 0, 0};
-  ASSERT_TRUE(Eventually([&] {
+  ASSERT_TRUE(WaitFor([&] {
     arbor_forest_snapshot_take(&snap);
     return snap.node_count == 2 && nodes[1].chunks >= 5;
   })) << "the sink node counts what passed it";
@@ -122,7 +113,10 @@ TEST_F(Observe, ALocalSessionBeginsCountsChunksPerNodeAndEndsWithItsReason) {
   EXPECT_EQ(nodes[1].parent, 0);
   EXPECT_STREQ(nodes[0].name, "demo.source");
   EXPECT_EQ(nodes[0].active, 1);
-  EXPECT_GE(nodes[0].chunks, nodes[1].chunks) << "the root is counted first";
+  // The read thread may walk while the snapshot reads (both hold the
+  // root's lock for reading): at most the chunk under way is counted at
+  // the sink and not yet seen at the root.
+  EXPECT_GE(nodes[0].chunks + 1, nodes[1].chunks) << "the root is counted first";
   EXPECT_EQ(nodes[1].bytes, nodes[1].chunks * 1000);
   ASSERT_EQ(snap.session_count, 1u);
   EXPECT_EQ(sessions[0].node, 1);

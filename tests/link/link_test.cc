@@ -4,7 +4,6 @@
 // over the scripted transport with a recording host callback.
 #include "init/link.h"
 
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -50,15 +49,15 @@ std::vector<HostCall> HostCalls() {
 // Waits up to 10 s for the n-th call with code; a failure and code -1 when
 // it did not come.
 HostCall AwaitHost(int32_t code, size_t n = 1) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (std::chrono::steady_clock::now() < end) {
+  HostCall found{-1, false, "", {}};
+  const bool came = WaitFor([&] {
     size_t seen = 0;
     for (const HostCall& call : HostCalls())
-      if (call.code == code && ++seen == n) return call;
-    usleep(1000);
-  }
-  ADD_FAILURE() << "no host call " << code << " #" << n;
-  return {-1, false, "", {}};
+      if (call.code == code && ++seen == n) found = call;
+    return found.code != -1;
+  });
+  EXPECT_TRUE(came) << "no host call " << code << " #" << n;
+  return found;
 }
 
 // Returns once the worker has run every job posted before with delay 0.
@@ -67,16 +66,6 @@ void DrainWorker() {
                 timedq_, 0, [](int32_t, uintptr_t, int32_t, char**) {}, 0,
                 static_cast<const char*>(nullptr)),
             nullptr);
-}
-
-// Control texts written to the service under asc, in order.
-std::vector<std::string> WanTexts(int32_t asc) {
-  std::vector<std::string> texts;
-  scripted_call call;
-  for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i)
-    if (call.text != nullptr && call.asc == asc)
-      texts.emplace_back(call.text, call.text_size);
-  return texts;
 }
 
 // The values of keys in a dictionary text, joined by '|'; "-" for an

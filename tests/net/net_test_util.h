@@ -1,6 +1,7 @@
 // Helpers of the socket transport's tests: a recorder that plays the engine's
-// LAN callback, a log catcher, and a raw TCP peer that speaks (or breaks) the
-// wire by hand. Every wait has a time limit; nothing sleeps.
+// LAN or WAN callback, and a raw TCP peer that speaks (or breaks) the wire by
+// hand. Every wait has a time limit; nothing sleeps. Log lines: LogCapture
+// (tests/log_capture.h).
 #ifndef ARBOR_TESTS_NET_TEST_UTIL_H
 #define ARBOR_TESTS_NET_TEST_UTIL_H
 
@@ -20,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "arbor/support.h"
 #include "lan_side.h"
+#include "log_capture.h"
 #include "net_transport.h"
 #include "wire_codec.h"
 
@@ -41,7 +42,8 @@ struct Event {
   std::string data;
 };
 
-// Records every call of the LAN callback and lets a test wait for one.
+// Records every call of the LAN callback (or the WAN's, as peer 0) and lets
+// a test wait for one.
 class Recorder {
  public:
   arbor::net::LanSide::Handler handler() {
@@ -52,11 +54,27 @@ class Recorder {
       changed_.notify_all();
     };
   }
+  std::function<void(uint32_t, uint32_t, uint32_t, const void*)> wan_handler() {
+    return [h = handler()](uint32_t pipe, uint32_t type, uint32_t size, const void* data) {
+      h(0, pipe, type, size, data);
+    };
+  }
   bool WaitFor(const std::function<bool(const std::vector<Event>&)>& done) {
     std::unique_lock hold(mutex_);
     return changed_.wait_for(hold, kLimit, [&] { return done(events_); });
   }
-  // Waits for a status event of this type; its peer id, or 0 on time-out.
+  // Events of this type (a status 6-9 or a frame type 3-5) in all.
+  static size_t Count(const std::vector<Event>& all, uint32_t type) {
+    size_t n = 0;
+    for (const Event& e : all) n += e.type == type;
+    return n;
+  }
+  // Waits until n events of this type have arrived.
+  bool WaitCount(uint32_t type, size_t n) {
+    return WaitFor([&](const std::vector<Event>& all) { return Count(all, type) >= n; });
+  }
+  // Waits for a status event of this type; the peer id of the last one, or
+  // 0 on time-out.
   uint32_t WaitStatus(uint32_t type) {
     uint32_t from = 0;
     WaitFor([&](const std::vector<Event>& all) {
@@ -86,28 +104,6 @@ class Recorder {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<Event> events_;
-};
-
-// Catches log lines while it lives.
-class LogCatcher {
- public:
-  LogCatcher() { LOG_SetSink(&LogCatcher::Sink, this); }
-  ~LogCatcher() { LOG_SetSink(nullptr, nullptr); }
-  bool Has(const std::string& text) {
-    std::lock_guard hold(mutex_);
-    for (const std::string& l : lines_)
-      if (l.find(text) != std::string::npos) return true;
-    return false;
-  }
-
- private:
-  static void Sink(void* self, int, const char* line, size_t length) {
-    auto* c = static_cast<LogCatcher*>(self);
-    std::lock_guard hold(c->mutex_);
-    c->lines_.emplace_back(line, length);
-  }
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
 };
 
 inline PacketHeader Header(uint32_t pipe, uint16_t type, uint16_t boat = 0, uint16_t level = 0) {
@@ -140,10 +136,10 @@ class RawPeer {
   bool Send(const void* bytes, size_t size) {
     return ::send(fd_, bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
   }
-  bool SendHello(uint64_t instance, uint16_t listen_port = 0) {
+  bool SendHello(uint64_t instance, uint16_t flags = 0) {
     arbor::net::Hello h;
     h.instance = instance;
-    h.listen_port = listen_port;
+    h.flags = flags;
     h.version = 100;
     uint8_t bytes[arbor::net::kHelloSize];
     arbor::net::hello_encode(h, bytes);

@@ -71,12 +71,6 @@ class ServiceStub : public arbor::net::LinkOwner {
     std::unique_lock hold(mutex_);
     return changed_.wait_for(hold, std::chrono::seconds(20), [&] { return done(frames_); });
   }
-  // Waits for a link to say hello; its id, or 0.
-  uint32_t WaitLink() {
-    std::unique_lock hold(mutex_);
-    changed_.wait_for(hold, std::chrono::seconds(20), [&] { return !links_.empty(); });
-    return links_.empty() ? 0 : links_.rbegin()->first;
-  }
   std::vector<Frame> Frames() {
     std::lock_guard hold(mutex_);
     return frames_;
@@ -217,10 +211,6 @@ class TestCertificates {
   std::string ca() const { return dir_ + "/ca.pem"; }
   std::string certificate() const { return dir_ + "/server.pem"; }
   std::string key() const { return dir_ + "/server.key"; }
-  // The server side's TLS context: certificate and key of this CA.
-  std::shared_ptr<asio::ssl::context> ServerContext() const {
-    return ServerTlsContext(certificate(), key());
-  }
 
  private:
   std::string dir_;

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -41,10 +42,7 @@ class ChildProcess {
     stdout_ = out[0];
   }
   ~ChildProcess() {
-    if (pid_ > 0 && !reaped_) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    Kill();
     if (stdin_ >= 0) close(stdin_);
     if (stdout_ >= 0) close(stdout_);
   }
@@ -52,36 +50,30 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
 
-  // Every line the child printed so far, and what it prints until a line
-  // holding needle arrives or `limit` passes. The line, or "" on time-out
-  // or end of output.
-  std::string WaitForLine(const std::string& needle,
-                          std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    for (size_t seen = 0;;) {
-      for (; seen < lines_.size(); ++seen)
-        if (lines_[seen].find(needle) != std::string::npos) return lines_[seen];
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          end - std::chrono::steady_clock::now());
-      if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count())))
-        return "";
-    }
+  // The first line holding needle that the child printed so far or prints
+  // before `limit` passes; "" on time-out or end of output.
+  std::string WaitForLine(const std::string& needle, std::chrono::milliseconds limit) {
+    auto match = [&]() -> const std::string* {
+      for (const std::string& l : lines_)
+        if (l.find(needle) != std::string::npos) return &l;
+      return nullptr;
+    };
+    return ReadUntil([&] { return match() != nullptr; }, limit) ? *match() : "";
   }
 
-  // Waits until `count` lines equal to line have been printed, or `limit`
-  // passes; true when they have.
+  // The port of the "listening <port>" line a serving child prints first,
+  // or 0 when none comes within 10 s.
+  int ListeningPort() {
+    const std::string line = WaitForLine("listening ", std::chrono::seconds(10));
+    return line.empty() ? 0 : std::stoi(line.substr(line.find(' ') + 1));
+  }
+
+  // Whether `count` lines equal to line are printed before `limit` passes.
   bool WaitForLines(const std::string& line, size_t count, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-      size_t seen = 0;
-      for (const std::string& l : lines_) seen += l == line;
-      if (seen >= count) return true;
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          end - std::chrono::steady_clock::now());
-      if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) return false;
-    }
+    return ReadUntil(
+        [&] { return static_cast<size_t>(std::count(lines_.begin(), lines_.end(), line)) >= count; },
+        limit);
   }
 
   void Send(const std::string& line) {
@@ -116,7 +108,6 @@ class ChildProcess {
     }
   }
 
-  const std::vector<std::string>& lines() const { return lines_; }
   std::string Output() const {
     std::string all;
     for (const std::string& line : lines_) all += line + "\n";
@@ -124,6 +115,19 @@ class ChildProcess {
   }
 
  private:
+  // Reads what the child prints until done() holds; false when `limit`
+  // passes or the output ends first.
+  template <typename Done>
+  bool ReadUntil(Done done, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          end - std::chrono::steady_clock::now());
+      if (left.count() <= 0 || !ReadSome(static_cast<int>(left.count()))) return false;
+    }
+    return true;
+  }
+
   // Reads what is there within ms; false at end of output or time-out.
   bool ReadSome(int ms) {
     pollfd fd{stdout_, POLLIN, 0};

@@ -15,19 +15,13 @@ using std::chrono::seconds;
 
 const std::string kPeer = ARBOR_TEST_PEER_PATH;
 
-// Starts a serving peer and returns its port, or 0.
-int StartServer(ChildProcess& server) {
-  const std::string line = server.WaitForLine("listening ", seconds(10));
-  return line.empty() ? 0 : std::stoi(line.substr(line.find(' ') + 1));
-}
-
 // R dials a chain on S by an explicit endpoint; S's threaded source streams
 // timestamped chunks; R's sink gets every one in order; the hang-up ends
 // both sides, and both stop with nothing of the engine left.
 TEST(CrossProcess, LanSessionStreamsInOrderAndBothSidesEndClean) {
   ChildProcess server({kPeer, "serve"});
   ASSERT_TRUE(server.started());
-  const int port = StartServer(server);
+  const int port = server.ListeningPort();
   ASSERT_GT(port, 0) << server.Output();
 
   ChildProcess dialler(
@@ -58,7 +52,7 @@ TEST(CrossProcess, LanSessionStreamsInOrderAndBothSidesEndClean) {
 // the session (its source is closed) and still stops clean.
 TEST(CrossProcess, KilledPeerEndsItsSessionsOnTheOtherSide) {
   ChildProcess server({kPeer, "serve"});
-  const int port = StartServer(server);
+  const int port = server.ListeningPort();
   ASSERT_GT(port, 0) << server.Output();
   ChildProcess dialler(
       {kPeer, "dial", "127.0.0.1", std::to_string(port), "100000000"});

@@ -8,10 +8,13 @@
 
 #include <chrono>
 #include <cstdio>
+#include <iostream>
+#include <string>
 #include <thread>
 
 #include "arbor/observe.h"
 #include "arbor/sys.h"
+#include "demo_drivers.h"
 #include "device/forest.h"
 
 namespace peer {
@@ -80,6 +83,28 @@ bool WaitFor(Cond cond, std::chrono::seconds limit = kStepLimit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+// Returns when a line "quit" (or the end of input) arrives.
+inline void ReadUntilQuit() {
+  for (std::string line; std::getline(std::cin, line) && line != "quit";) {
+  }
+}
+
+// Waits for every source device to be closed; false when one stays open.
+inline bool SourcesClosed() {
+  return WaitFor([] {
+    const demo_source_totals t = demo_source_snapshot();
+    return t.closes == t.opens;
+  });
+}
+
+// Prints "received <n> out-of-order <m>" for the sink's chunks so far.
+inline demo_sink_totals PrintReceived() {
+  const demo_sink_totals t = demo_sink_snapshot();
+  std::printf("received %llu out-of-order %llu\n", static_cast<unsigned long long>(t.chunks),
+              static_cast<unsigned long long>(t.out_of_order));
+  return t;
 }
 
 }  // namespace peer

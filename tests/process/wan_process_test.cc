@@ -20,12 +20,6 @@ using std::chrono::seconds;
 const std::string kWanPeer = ARBOR_TEST_WAN_PEER_PATH;
 const std::string kService = ARBOR_TEST_SERVICE_PATH;
 
-// Starts the stand-in and returns its port, or 0.
-int StartService(ChildProcess& service) {
-  const std::string line = service.WaitForLine("listening ", seconds(10));
-  return line.empty() ? 0 : std::stoi(line.substr(line.find(' ') + 1));
-}
-
 // argv of a WAN peer, with the CA file when one is given.
 std::vector<std::string> Peer(std::vector<std::string> args, const std::string& ca) {
   args.insert(args.begin(), kWanPeer);
@@ -38,7 +32,7 @@ std::vector<std::string> Peer(std::vector<std::string> args, const std::string& 
 // the hang-up reaches S through the service; both sign out and stop clean.
 void RelayOneSession(const std::vector<std::string>& service_args, const std::string& ca) {
   ChildProcess service(service_args);
-  const int port = StartService(service);
+  const int port = service.ListeningPort();
   ASSERT_GT(port, 0) << service.Output();
   const std::string p = std::to_string(port);
   ChildProcess source(Peer({"source", "127.0.0.1", p, "cam"}, ca));
@@ -75,7 +69,7 @@ TEST(CrossProcessWan, ServiceRelaysASessionOverTls) {
 // port the peer is told the link is up (6) and signs in a second time (0).
 TEST(CrossProcessWan, ServiceRestartBringsTheLinkBackAndASecondSignIn) {
   auto first = std::make_unique<ChildProcess>(std::vector<std::string>{kService, "0"});
-  const int port = StartService(*first);
+  const int port = first->ListeningPort();
   ASSERT_GT(port, 0) << first->Output();
   ChildProcess peer(Peer({"source", "127.0.0.1", std::to_string(port), "cam"}, ""));
   ASSERT_NE(first->WaitForLine("signed in cam", seconds(20)), "") << peer.Output();
@@ -85,7 +79,7 @@ TEST(CrossProcessWan, ServiceRestartBringsTheLinkBackAndASecondSignIn) {
   ASSERT_NE(peer.WaitForLine("host code 3", seconds(20)), "") << peer.Output();
 
   ChildProcess second({kService, std::to_string(port)});
-  ASSERT_EQ(StartService(second), port) << second.Output();
+  ASSERT_EQ(second.ListeningPort(), port) << second.Output();
   EXPECT_NE(second.WaitForLine("signed in cam", seconds(40)), "") << peer.Output();
   EXPECT_TRUE(peer.WaitForLines("host code 6", 2, seconds(20))) << peer.Output();
   EXPECT_TRUE(peer.WaitForLines("host code 0", 2, seconds(20))) << peer.Output();

@@ -1,8 +1,8 @@
 // The control layer rule by rule: how an arriving text is sorted, what each
-// session command needs, dialling, the LAN
-// neighbour reports, WAN in-band data and the driver callback. Effects are
-// read from the scripted transport, the drivers, local service entries and,
-// where nothing else shows it, the forest itself (read on the consumer).
+// session command needs, dialling, the LAN neighbour reports, WAN in-band
+// data and the driver callback. Effects are read from the scripted
+// transport, the drivers, local service entries and, where nothing else
+// shows it, the forest itself.
 #include <cstring>
 
 #include "arbor/rsevents.h"
@@ -15,23 +15,6 @@ namespace {
 
 using namespace rsc_test;
 
-// What local service entries heard (an AsPeerHandler).
-std::mutex heard_mutex;
-std::vector<std::string> heard;
-int32_t Hear(uint32_t, uint32_t size, const char* data) {
-  std::lock_guard hold(heard_mutex);
-  heard.emplace_back(data, strnlen(data, size));
-  return 0;
-}
-std::vector<std::string> Heard() {
-  std::lock_guard hold(heard_mutex);
-  return heard;
-}
-void ListenOn(int32_t code, const char* path, const char* event) {
-  SysRegistASLan(code, nullptr, reinterpret_cast<AsHandler>(Hear));
-  RsSubscribeEvent(0, code, path, event, nullptr, nullptr);
-}
-
 // Texts the sink's DoEvent received, without the "sink.1|" prefix.
 std::vector<std::string> SinkEvents() {
   std::vector<std::string> out;
@@ -40,30 +23,18 @@ std::vector<std::string> SinkEvents() {
   return out;
 }
 
-// The active word of the session's leaf, or -1 when no tree holds sid; read
-// on the consumer, behind every command pushed before.
+// The active word of the session's leaf, or -1 when no tree holds sid,
+// once every command pushed before has run.
 int LeafActive(const char* sid) {
-  struct Job {
-    const char* sid;
-    int active = -1;
-    std::atomic<bool> done{false};
-  } job{sid};
-  cmdq_push(
-      "test",
-      [](uintptr_t arg, const void*, uint32_t) {
-        auto* run = reinterpret_cast<Job*>(arg);
-        if (TreeRoot* root = forest_ref_tree_by_sid(run->sid)) {
-          QVRLock(&root->lock);
-          if (LeafIndexEntry* row = root_find_leaf_by_sid(root, run->sid))
-            run->active = row->leaf->active;
-          QVXUNLock(&root->lock);
-          root_unref(root);
-        }
-        run->done = true;
-      },
-      reinterpret_cast<uintptr_t>(&job), nullptr, 0);
-  EXPECT_TRUE(WaitFor([&] { return job.done.load(); }));
-  return job.active;
+  Drain();
+  int active = -1;
+  if (TreeRoot* root = forest_ref_tree_by_sid(sid)) {
+    QVRLock(&root->lock);
+    if (LeafIndexEntry* row = root_find_leaf_by_sid(root, sid)) active = row->leaf->active;
+    QVXUNLock(&root->lock);
+    root_unref(root);
+  }
+  return active;
 }
 
 class Control : public RscTest {};
@@ -78,7 +49,8 @@ TEST_F(Control, ResourceEventsGoToTheServiceOnlyUnderAsCode100) {
   FromService(event);  // the WAN door reports 100: back it goes
   EXPECT_EQ(WanTexts(), (std::vector<std::string>{event, event}));
   EXPECT_EQ(Recorded(SCRIPTED_NET_WRITE, 0).asc, 100);
-  ListenOn(701, "door", "opened");
+  SysRegistASLan(701, nullptr, reinterpret_cast<AsHandler>(Hear));
+  RsSubscribeEvent(0, 701, "door", "opened", nullptr, nullptr);
   const std::string lan = "MainCmd=17;event=opened;subResource=door;";
   FromPeer(5, 555, lan);
   EXPECT_EQ(Heard(), std::vector<std::string>{lan});
@@ -107,8 +79,6 @@ TEST_F(Control, DeviceCommandsReachTheNamedDriverAndBadTextsAreLogged) {
   EXPECT_TRUE(log_.HasAt(0, "decode error"));
 }
 
-// A SessionStart needs its sid, descriptor and hop; Sigoff needs a sid,
-// and from the WAN (sender 0) it ends nothing.
 // A LAN peer's hop with a descriptor is the pipe it names, whatever its name;
 // the list ends at a gap and after 63 hops.
 TEST_F(Control, HopListsEndAtAGapOrAfter63AndLanDescriptorsNamePipes) {
@@ -134,13 +104,16 @@ TEST_F(Control, HopListsEndAtAGapOrAfter63AndLanDescriptorsNamePipes) {
   DictDestroy(dict);
 }
 
+// A SessionStart needs its sid, descriptor and hop (a whole one starts
+// the session in Session.*); QVVPipeReady only its sid. Sigoff needs a
+// sid, and from the WAN (sender 0) it ends nothing.
 TEST_F(Control, SessionStartNeedsItsDescriptorAndHopButPipeReadyDoesNot) {
   const std::string pipe = std::to_string(RequestFrom(5, "r1"));
   FromPeer(5, 100, "MainCmd=SessionStart;sidN=r1;ftN0=net.;FD0=0;");
   FromPeer(5, 100, "MainCmd=SessionStart;sidN=r1;FD0=" + pipe + ";");
   FromPeer(5, 100, "MainCmd=SessionStart;ftN0=net.;FD0=" + pipe + ";");
   EXPECT_EQ(LeafActive("r1"), 0);
-  FromPeer(5, 100, "MainCmd=SessionStart;sidN=r1;ftN0=net.;FD0=" + pipe + ";");
+  FromPeer(5, 100, "MainCmd=QVVPipeReady;sidN=r1;");
   EXPECT_EQ(LeafActive("r1"), 1);
   FromPeer(5, 100, "MainCmd=Sigoff;");
   FromService("MainCmd=Sigoff;sidN=x;");
@@ -162,12 +135,9 @@ TEST_F(Control, ResourceRequestsAreBuiltOnlyWhereTheChainAllows) {
   // Without a net hop the chain is built here whole: its one hop is
   // opened, and as a new root needs a branch below it, the build fails.
   FromPeer(5, 200, "MainCmd=QV_RES_REQ;sidN=p1;AsCode=200;ftN0=sink.1;");
-  std::string fail;
-  ASSERT_TRUE(
-      WaitFor([&] { return !(fail = Find(LanTexts(5), "RUN_FAIL")).empty(); }));
+  const std::string fail = AwaitText(5, "RUN_FAIL");
   EXPECT_EQ(opens.load(), 1u);
-  EXPECT_EQ(Key(fail.c_str(), "sidN") + Key(fail.c_str(), "coz"),
-            "p1Tree create fail");
+  EXPECT_EQ(Key(fail, "sidN") + Key(fail, "coz"), "p1Tree create fail");
 }
 
 // A dial fills one sid slot per text and stops at the first it cannot
@@ -243,7 +213,7 @@ TEST_F(Control, PresenceReportsKeepTheTableOfOldPeers) {
 
 TEST_F(Control, WanInbandFramesAreBoundedAndCutAtTheirFirstZero) {
   FromService("MainCmd=SessionCreate;sidN=w1;ftN0=net.;FD0=2000;ftN1=sink.1;");
-  ASSERT_TRUE(WaitFor([] { return !Find(WanTexts(), "sidN=w1;").empty(); }));
+  ASSERT_NE(AwaitText(-1, "sidN=w1;"), "");
   // Texts of exactly 1963 and 1964 bytes: the longer is dropped.
   std::string passes = "event=big;subResource=s;pad=";
   passes += std::string(1963 - passes.size() - 1, 'p') + ";";

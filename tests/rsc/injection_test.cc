@@ -27,15 +27,13 @@ class Injection : public RscTest {
 const std::string kInjected =
     "x\\;MainCmd\\=QV_RES_REQ\\;ftN0\\=cam.1\\;ftN1\\=sink.1\\;AsCode\\=300";
 
-TEST_F(Injection, SidOfAFailedSessionCreateIsRefused) {
+// A failed SessionCreate or QV_RES_REQ wrote its sid into "RUN_FAIL".
+TEST_F(Injection, SidOfAFailedSessionCreateOrResourceRequestIsRefused) {
   FromPeer(5, 100,
            "MainCmd=SessionCreate;sidN=" + kInjected +
                ";ftN0=net.;FD0=1030;ftN1=sink.bad;");
   EXPECT_TRUE(NothingBuilt("SessionCreate from LAN peer 5 refused: sidN"));
   EXPECT_EQ(Find(LanTexts(5), "RUN_FAIL"), "");
-}
-
-TEST_F(Injection, SidOfAFailedResourceRequestIsRefused) {
   FromPeer(5, 200,
            "MainCmd=QV_RES_REQ;sidN=" + kInjected +
                ";AsCode=200;ftN0=sink.bad;ftN1=net.;ftN2=x;");
@@ -48,7 +46,7 @@ TEST_F(Injection, SidOfAFailedResourceRequestIsRefused) {
 // The service listens to "Follower" at the source: the Joining text then
 // reaches the local table under AS code 100, and the root's driver hears it
 // through DoEvent.
-TEST_F(Injection, PeerNameOfAFollowerEventIsRefusedFromAPeer) {
+TEST_F(Injection, PeerNameOfAFollowerEventIsRefusedFromAPeerOrTheService) {
   FromService("MainCmd=15;subResource=cam.1;event=Follower;");
   FromPeer(5, 200,
            "MainCmd=QV_RES_REQ;sidN=r1;AsCode=200;user=" + kInjected +
@@ -58,25 +56,17 @@ TEST_F(Injection, PeerNameOfAFollowerEventIsRefusedFromAPeer) {
            "MainCmd=QV_RES_REQ;sidN=r2;AsCode=200;To=a\\=b;"
            "ftN0=cam.1;ftN1=net.;ftN2=sink.1;");
   EXPECT_TRUE(NothingBuilt("QV_RES_REQ from LAN peer 5 refused: To"));
-  for (const std::string& event : Events())
-    EXPECT_EQ(event.find("QV_RES_REQ"), std::string::npos) << event;
-}
-
-TEST_F(Injection, PeerNameOfAFollowerEventIsRefusedFromTheService) {
-  FromService("MainCmd=15;subResource=cam.1;event=Follower;");
   FromService("MainCmd=SessionCreate;sidN=w1;user=" + kInjected +
               ";ftN0=cam.1;ftN1=net.;FD1=1100;");
   EXPECT_TRUE(NothingBuilt("SessionCreate from the service refused: user"));
+  for (const std::string& event : Events())
+    EXPECT_EQ(event.find("QV_RES_REQ"), std::string::npos) << event;
   // A plain name passes: the same chain is built, and the service hears
   // the Joining text once, with the name as a value of its own.
   FromService("MainCmd=SessionCreate;sidN=w2;user=bob;ftN0=cam.1;ftN1=net.;"
               "FD1=1100;");
   ASSERT_TRUE(WaitFor([] { return opens.load() == 1; }));
-  std::string joining;
-  ASSERT_TRUE(WaitFor([&] {
-    joining = Find(WanTexts(), "Status=Joining");
-    return !joining.empty();
-  }));
+  const std::string joining = AwaitText(-1, "Status=Joining");
   EXPECT_EQ(Key(joining, "To") + Key(joining, "MainCmd"), "bob17");
 }
 
@@ -109,7 +99,7 @@ TEST_F(Injection, EventTextsFromOutsideMustBeResourceEvents) {
   EXPECT_TRUE(log_.HasAt(0, "in-band event refused: MainCmd is not 17"));
   // A resource event goes on to the service, as before.
   FromPeer(5, 555, "subResource=cam.1;event=motion;MainCmd=17;level=2;");
-  ASSERT_TRUE(WaitFor([] { return !Find(WanTexts(), "level=2").empty(); }));
+  EXPECT_NE(AwaitText(-1, "level=2"), "");
 }
 
 }  // namespace

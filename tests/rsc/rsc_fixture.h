@@ -84,16 +84,6 @@ inline std::vector<std::string> Events() {
   return drivers.events;
 }
 
-// Waits up to 10 s for cond; true when it held.
-inline bool WaitFor(const std::function<bool()>& cond) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    usleep(1000);
-  }
-  return true;
-}
-
 // Waits until every command pushed before has run.
 inline void Drain() {
   static std::atomic<int> ran{0};
@@ -136,6 +126,27 @@ inline std::string Find(const std::vector<std::string>& texts,
     if (text.find(needle) != std::string::npos) return text;
   return "";
 }
+// Waits for a text holding needle among those sent to LAN peer `peer` (to
+// the service for -1); the first, or "" on time-out.
+inline std::string AwaitText(int peer, const std::string& needle) {
+  std::string found;
+  WaitFor([&] {
+    found = Find(peer < 0 ? WanTexts() : LanTexts(static_cast<uint16_t>(peer)), needle);
+    return !found.empty();
+  });
+  return found;
+}
+// The AS code under which the first control text holding needle went to
+// LAN peer `peer` (to the service for -1), or -1.
+inline int32_t AscOf(int peer, const std::string& needle) {
+  scripted_call call;
+  const scripted_fn fn = peer < 0 ? SCRIPTED_NET_WRITE : SCRIPTED_LAN_NET_WRITE;
+  for (size_t i = 0; scripted_call_get(fn, i, &call) == 0; ++i)
+    if (call.text != nullptr && (peer < 0 || call.peer == peer) &&
+        std::string(call.text, call.text_size).find(needle) != std::string::npos)
+      return call.asc;
+  return -1;
+}
 // Data frames of packet type `type` sent to LAN peer `peer` (on `pipe`,
 // unless 0).
 inline size_t LanFrames(uint16_t peer, uint16_t type, uint32_t pipe = 0) {
@@ -146,17 +157,31 @@ inline size_t LanFrames(uint16_t peer, uint16_t type, uint32_t pipe = 0) {
   return n;
 }
 
+// What a local service entry heard (an AsPeerHandler): the texts, each cut
+// at its first NUL. The forest's locks are never held around the call: the
+// entry looks at the forest to prove it.
+inline std::mutex heard_mutex;
+inline std::vector<std::string> heard;
+inline int32_t Hear(uint32_t, uint32_t size, const char* data) {
+  is_free_time();
+  std::lock_guard hold(heard_mutex);
+  heard.emplace_back(data, strnlen(data, size));
+  return 0;
+}
+inline std::vector<std::string> Heard() {
+  std::lock_guard hold(heard_mutex);
+  return heard;
+}
+inline std::string Heard(const std::string& needle) { return Find(Heard(), needle); }
+
 // Peer `peer` asks for cam.1 through a net hop under AS code 200; returns
 // the pipe that the SessionCreate it is sent names.
 inline uint32_t RequestFrom(uint16_t peer, const std::string& sid) {
   FromPeer(peer, 200,
            "MainCmd=QV_RES_REQ;sidN=" + sid +
                ";AsCode=200;user=R;ftN0=cam.1;ftN1=net.;ftN2=sink.1;");
-  std::string create;
-  EXPECT_TRUE(WaitFor([&] {
-    create = Find(LanTexts(peer), "sidN=" + sid + ";");
-    return create.find("SessionCreate") != std::string::npos;
-  }));
+  const std::string create = AwaitText(peer, "SessionCreate;sidN=" + sid + ";");
+  EXPECT_NE(create, "");
   return static_cast<uint32_t>(std::stoul(Key(create, "FD0")));
 }
 // ... and starts it, as the peer does once its side is built.

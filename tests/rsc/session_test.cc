@@ -10,91 +10,44 @@ using namespace rsc_test;
 
 class Session : public RscTest {};
 
-// The AS code under which the first control text to `peer` holding needle
-// travelled, or -1.
-int32_t AscOf(uint16_t peer, const std::string& needle) {
-  for (const scripted_call& call : LanWrites(peer))
-    if (call.text != nullptr &&
-        std::string(call.text, call.text_size).find(needle) !=
-            std::string::npos)
-      return call.asc;
-  return -1;
-}
-
-// What the host hears under the AS code of its dials.
-std::mutex host_mutex;
-std::vector<std::string> host_texts;
-int32_t HostHandler(uint32_t, uint32_t size, const char* data) {
-  // A host may look at the forest from here: the forest's locks are never
-  // held around this call.
-  is_free_time();
-  std::lock_guard hold(host_mutex);
-  host_texts.emplace_back(data, size);
-  return 0;
-}
-std::string HostHeard(const std::string& needle) {
-  std::lock_guard hold(host_mutex);
-  return Find(host_texts, needle);
-}
-
-// The first control text to the service holding needle, and its AS code;
-// {-1, ""} when there is none.
-std::pair<int32_t, std::string> ToService(const std::string& needle) {
-  scripted_call call;
-  for (size_t i = 0; scripted_call_get(SCRIPTED_NET_WRITE, i, &call) == 0; ++i) {
-    if (call.text == nullptr) continue;
-    std::string text(call.text, call.text_size);
-    if (text.find(needle) != std::string::npos) return {call.asc, text};
-  }
-  return {-1, ""};
-}
-
 // Served here, a chain starts by local dispatch and streams without a byte
 // on any network. Its ends take the owner's road like any other session's:
 // uid 0 with the dial's AS code is the service's road, so "RUN_FAIL" and
-// "SessionDelete" go to the service under that code, and the local table
-// hears neither.
+// "SessionDelete" go to the service under that code (or fail to, the WAN
+// down), and the local table hears neither.
 TEST_F(Session, LocalDialStreamsAThreeHopChainAndItsEndsGoToTheService) {
-  SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(HostHandler));
+  SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(Hear));
   char sids[RSC_SID_SLOT];
   RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.bad;", nullptr);
-  ASSERT_TRUE(WaitFor([] { return ToService("RUN_FAIL").first != -1; }));
-  EXPECT_EQ(ToService("RUN_FAIL").first, 200);
-  EXPECT_EQ(Key(ToService("RUN_FAIL").second, "coz"), "Tree create fail");
+  EXPECT_EQ(Key(AwaitText(-1, "RUN_FAIL"), "coz"), "Tree create fail");
+  EXPECT_EQ(AscOf(-1, "RUN_FAIL"), 200);
   ASSERT_TRUE(WaitFor([] { return closes == 1; }));
 
   RSCDial(200, sids, "ftN0=cam.1;ftN1=enc.1;ftN2=sink.1;", nullptr);
   ASSERT_NE(sids[0], '\0');
   ASSERT_TRUE(WaitFor([] { return sink_writes.load() > 5; }));
   EXPECT_EQ(opens.load(), 4u);
-  EXPECT_NE(HostHeard("MainCmd=SessionStart"), "");
+  EXPECT_NE(Heard("MainCmd=SessionStart"), "");
   EXPECT_NE(RSCHangup(0, sids), 0);
   ASSERT_TRUE(WaitFor([] { return closes == 4; }));
   const uint32_t after = sink_writes.load();
   Drain();
   EXPECT_EQ(sink_writes.load(), after);
-  ASSERT_TRUE(WaitFor([] { return ToService("SessionDelete").first != -1; }));
-  EXPECT_EQ(ToService("SessionDelete").first, 200);
-  EXPECT_EQ(Key(ToService("SessionDelete").second, "sidN"), sids);
-  EXPECT_EQ(HostHeard("RUN_FAIL") + HostHeard("SessionDelete"), "");
+  EXPECT_EQ(Key(AwaitText(-1, "SessionDelete"), "sidN"), sids);
+  EXPECT_EQ(AscOf(-1, "SessionDelete"), 200);
+  EXPECT_EQ(Heard("RUN_FAIL") + Heard("SessionDelete"), "");
   EXPECT_EQ(scripted_call_count(SCRIPTED_LAN_NET_WRITE), 0u);
-}
 
-// With the WAN down the same ends fail to send, with the send error line,
-// and the session is gone all the same.
-TEST_F(Session, LocalSessionEndsLogASendErrorWhileTheWanIsDown) {
+  // With the WAN down the same end fails to send, with the send error
+  // line, and the session is gone all the same.
   sys_.wan_state = -1;
-  char sids[RSC_SID_SLOT];
-  RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.bad;", nullptr);
-  ASSERT_TRUE(WaitFor([this] {
-    return log_.HasAt(0, "send error: qvid=0, asc=200: -1");
-  }));
+  const size_t sent = scripted_call_count(SCRIPTED_NET_WRITE);
   RSCDial(200, sids, "ftN0=cam.1;ftN1=sink.1;", nullptr);
-  ASSERT_TRUE(WaitFor([] { return sink_writes.load() > 0; }));
+  ASSERT_TRUE(WaitFor([after] { return sink_writes.load() > after; }));
   RSCHangup(0, sids);
+  ASSERT_TRUE(WaitFor([this] { return log_.HasAt(0, "send error: qvid=0, asc=200: -1"); }));
   ASSERT_TRUE(WaitFor([] { return closes == opens; }));
-  Drain();
-  EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
+  EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), sent);
 }
 
 // A dial under AS code 0 owns its session as sendasc's local delivery does:
@@ -102,15 +55,15 @@ TEST_F(Session, LocalSessionEndsLogASendErrorWhileTheWanIsDown) {
 // holds the forest mutex and the root's lock, and the host's handler looks
 // at the forest: the text must reach it after those locks are released.
 TEST_F(Session, ASourceDriverThatGoesEndsALocalSessionAndTellsTheHost) {
-  SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(HostHandler));
+  SysRegistASLan(200, nullptr, reinterpret_cast<AsHandler>(Hear));
   char sids[RSC_SID_SLOT];
   RSCDial(0, sids, "ftN0=cam.1;ftN1=sink.1;", nullptr);
   ASSERT_TRUE(WaitFor([] { return sink_writes.load() > 0; }));
   cmdq_push("Tree_cleanup_drv", Tree_cleanup_drv,
             reinterpret_cast<uintptr_t>(&cam), nullptr, 0);
-  ASSERT_TRUE(WaitFor([] { return !HostHeard("SessionDelete").empty(); }));
-  EXPECT_EQ(Key(HostHeard("SessionDelete"), "coz"), "Cleanup_Drv/Wan");
-  EXPECT_EQ(Key(HostHeard("SessionDelete"), "sidN"), sids);
+  ASSERT_TRUE(WaitFor([] { return !Heard("SessionDelete").empty(); }));
+  EXPECT_EQ(Key(Heard("SessionDelete"), "coz"), "Cleanup_Drv/Wan");
+  EXPECT_EQ(Key(Heard("SessionDelete"), "sidN"), sids);
   EXPECT_EQ(scripted_call_count(SCRIPTED_NET_WRITE), 0u);
 }
 
@@ -140,11 +93,7 @@ TEST_F(Session, PeerRequestBuildsTheSourceSideAndStreamsAfterSessionStart) {
   FromPeer(5, 100, "MainCmd=SessionDelete;sidN=r1;coz=;");
   ASSERT_TRUE(WaitFor([] { return closes == 1; }));
   // The reply leaves after the branch is closed: wait for it too.
-  std::string reply;
-  ASSERT_TRUE(WaitFor([&] {
-    return !(reply = Find(LanTexts(5), "MainCmd=SessionDelete")).empty();
-  }));
-  EXPECT_EQ(Key(reply, "coz"), "Peer_SessionDelete");
+  EXPECT_EQ(Key(AwaitText(5, "MainCmd=SessionDelete"), "coz"), "Peer_SessionDelete");
   EXPECT_EQ(AscOf(5, "MainCmd=SessionDelete"), 200);
   Drain();
   EXPECT_EQ(lan_pipe_test_count(), 0u);  // the pipe number is free again
@@ -154,11 +103,7 @@ TEST_F(Session, SessionCreateFromPeerBuildsTheFarSideAndFeedsTheSink) {
   FromPeer(5, 100,
            "MainCmd=SessionCreate;sidN=c1;AsCode=200;ftN0=net.;FD0=1030;"
            "ftN1=sink.1;");
-  std::string start;
-  ASSERT_TRUE(WaitFor([&] {
-    return !(start = Find(LanTexts(5), "MainCmd=SessionStart")).empty();
-  }));
-  EXPECT_EQ(Key(start, "sidN"), "c1");
+  EXPECT_EQ(Key(AwaitText(5, "MainCmd=SessionStart"), "sidN"), "c1");
   EXPECT_EQ(AscOf(5, "MainCmd=SessionStart"), 100);
 
   // Frames from the peer on its pipe reach the sink; a frame on another
@@ -182,11 +127,7 @@ TEST_F(Session, SessionCreateFromPeerBuildsTheFarSideAndFeedsTheSink) {
   EXPECT_EQ(senders, "955");
 
   FromPeer(5, 100, "MainCmd=RUN_FAIL;sidN=c1;coz=x;");
-  std::string reply;
-  ASSERT_TRUE(WaitFor([&] {
-    return !(reply = Find(LanTexts(5), "MainCmd=SessionDelete")).empty();
-  }));
-  EXPECT_EQ(Key(reply, "coz"), "Peer_RUN_FAIL");
+  EXPECT_EQ(Key(AwaitText(5, "MainCmd=SessionDelete"), "coz"), "Peer_RUN_FAIL");
   ASSERT_TRUE(WaitFor([] { return closes == 1; }));
   EXPECT_EQ(sink_bytes.load(), 16u);
 }
@@ -240,10 +181,7 @@ TEST_F(Session, EachTeardownEndsTheSessionsItShouldWithItsReason) {
 
 TEST_F(Session, ServiceSessionStreamsOverTheWanOnceThePipeIsReady) {
   FromService("MainCmd=SessionCreate;sidN=v1;ftN0=cam.1;ftN1=net.;FD1=3000;");
-  std::string start;
-  ASSERT_TRUE(WaitFor([&] {
-    return !(start = Find(WanTexts(), "MainCmd=SessionStart")).empty();
-  }));
+  const std::string start = AwaitText(-1, "MainCmd=SessionStart");
   // From the WAN the hop keeps its name: no "net.<fd>" rewrite.
   EXPECT_EQ(Key(start, "sidN") + Key(start, "ftN0"), "v1net.");
 
