@@ -39,7 +39,7 @@
 #include <vector>
 
 #include "bench_common.h"
-#include "bench_child.h"
+#include "child_process.h"
 
 namespace {
 
@@ -283,7 +283,7 @@ void BM_GstTee(benchmark::State& state) {
   for (int i = 0; i < branches; ++i) {
     for (const char* word : {"t.", "!", "queue", "!", "fakesink"}) args.emplace_back(word);
   }
-  BenchChild child(args);
+  ChildProcess child(args);
   if (!child.started()) return bench_fail(state, "gst-launch-1.0 could not be started");
   const std::string line = child.WaitForLine("Execution ended after", std::chrono::seconds(60));
   const int status = child.Wait(std::chrono::seconds(10));

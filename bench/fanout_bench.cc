@@ -20,7 +20,7 @@
 // and the reported time is the window. The framework still gives the
 // machine's context (CPUs, load average) and --benchmark_repetitions=<n>
 // with medians. Every child is killed and reaped when its case ends, however
-// it ends (BenchChild), and dies by itself if this program does.
+// it ends (ChildProcess), and dies by itself if this program does.
 //
 // Counters: "value" is the engine's chunks per second, "anchor" raw TCP's,
 // both from the same case, so scripts/bench.sh pairs them per repetition.
@@ -38,7 +38,7 @@
 #include <thread>
 #include <vector>
 
-#include "bench_child.h"
+#include "child_process.h"
 #include "bench_common.h"
 
 namespace {
@@ -55,11 +55,11 @@ const milliseconds kWindow{bench_scale(3000, 200)};
 // How long a process may take to answer one question.
 constexpr milliseconds kAnswerLimit{2000};
 
-using Child = std::unique_ptr<BenchChild>;
+using Child = std::unique_ptr<ChildProcess>;
 
 Child Start(std::vector<std::string> args) {
   args.insert(args.begin(), ARBOR_BENCH_FANOUT_PEER_PATH);
-  return std::make_unique<BenchChild>(args);
+  return std::make_unique<ChildProcess>(args);
 }
 
 // What one side did in the window. error is empty when it was measured.
@@ -70,7 +70,7 @@ struct Window {
   std::string error;
 };
 
-std::string Failure(const char* step, const BenchChild& child) {
+std::string Failure(const char* step, const ChildProcess& child) {
   return std::string(step) + ": " + child.Output();
 }
 
@@ -78,11 +78,11 @@ std::string Failure(const char* step, const BenchChild& child) {
 // they are taken as close together as the children answer) and returns the
 // first number of each answer in *first and the second in *second (when
 // asked). false when a child did not answer in time.
-bool Ask(const std::vector<BenchChild*>& children, const char* verb, int tag,
+bool Ask(const std::vector<ChildProcess*>& children, const char* verb, int tag,
          std::vector<uint64_t>* first, std::vector<uint64_t>* second = nullptr) {
   const std::string question = std::string(verb) + " " + std::to_string(tag);
-  for (BenchChild* child : children) child->Send(question);
-  for (BenchChild* child : children) {
+  for (ChildProcess* child : children) child->Send(question);
+  for (ChildProcess* child : children) {
     const std::string line = child->WaitForLine(question + " ", kAnswerLimit);
     if (line.empty()) return false;
     std::istringstream numbers(line.substr(question.size() + 1));
@@ -96,7 +96,7 @@ bool Ask(const std::vector<BenchChild*>& children, const char* verb, int tag,
 
 // Streams for kWarmup, then counts over kWindow: the slowest receiver's
 // chunks per second, and what the server (when given) dropped meanwhile.
-Window Measure(const std::vector<BenchChild*>& receivers, BenchChild* server) {
+Window Measure(const std::vector<ChildProcess*>& receivers, ChildProcess* server) {
   Window w;
   std::this_thread::sleep_for(kWarmup);
   std::vector<uint64_t> before, after, frames_before, frames_after, dropped_before,
@@ -133,8 +133,8 @@ void Stop(std::vector<Child>& receivers, Child& sender) {
   sender->Kill();
 }
 
-std::vector<BenchChild*> Pointers(const std::vector<Child>& children) {
-  std::vector<BenchChild*> out;
+std::vector<ChildProcess*> Pointers(const std::vector<Child>& children) {
+  std::vector<ChildProcess*> out;
   for (const Child& child : children) out.push_back(child.get());
   return out;
 }

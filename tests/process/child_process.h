@@ -1,12 +1,15 @@
-// A child process for the cross-process tests: started with its standard
-// input and output on pipes, read line by line with a time limit, and
-// killed and reaped by the destructor whatever happened, so a failing test
-// never leaves a process behind.
+// A child process for the cross-process tests and the benchmarks: started
+// with its standard input and output on pipes, read line by line with a
+// time limit, and killed and reaped by the destructor whatever happened, so
+// a failing case never leaves a process behind. The child also gets SIGKILL
+// from the kernel when its parent dies (PR_SET_PDEATHSIG, set between fork
+// and exec), so not even a crash of the parent leaves one running.
 #ifndef ARBOR_TESTS_PROCESS_CHILD_PROCESS_H
 #define ARBOR_TESTS_PROCESS_CHILD_PROCESS_H
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,12 +20,20 @@
 
 class ChildProcess {
  public:
-  // Starts argv[0] with argv; stderr stays the test's.
+  // Starts argv[0] (a path) with argv; stderr stays the parent's.
   explicit ChildProcess(const std::vector<std::string>& argv) {
     int in[2], out[2];
-    if (pipe(in) != 0 || pipe(out) != 0) return;
+    if (pipe(in) != 0) return;
+    if (pipe(out) != 0) {
+      close(in[0]);
+      close(in[1]);
+      return;
+    }
+    const pid_t parent = getpid();
     pid_ = fork();
     if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(127);  // the parent died before prctl
       dup2(in[0], STDIN_FILENO);
       dup2(out[1], STDOUT_FILENO);
       close(in[0]);
@@ -38,6 +49,11 @@ class ChildProcess {
     }
     close(in[0]);
     close(out[1]);
+    if (pid_ < 0) {
+      close(in[1]);
+      close(out[0]);
+      return;
+    }
     stdin_ = in[1];
     stdout_ = out[0];
   }
@@ -50,6 +66,12 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
+
+  // Sends SIGKILL without waiting, so that several children can be
+  // stopped at once; Kill or the destructor reaps.
+  void Signal() {
+    if (pid_ > 0 && !reaped_) kill(pid_, SIGKILL);
+  }
 
   // The first line holding needle that the child printed so far or prints
   // before `limit` passes; "" on time-out or end of output.
