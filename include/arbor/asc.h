@@ -45,10 +45,9 @@
 #include <stdint.h>
 
 #include "arbor/export.h"
+#include "arbor/handles.h"
 
 ARBOR_BEGIN_DECLS
-
-typedef struct cdef cdef;
 
 /* Most entries of the local table. */
 #define ASC_MAX_LOCAL 32

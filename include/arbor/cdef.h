@@ -25,10 +25,9 @@
 #include <stdint.h>
 
 #include "arbor/export.h"
+#include "arbor/handles.h"
 
 ARBOR_BEGIN_DECLS
-
-typedef struct cdef cdef;
 
 /*
  * The callback a driver receives through SetCallback: callback(cls, var,

@@ -30,11 +30,17 @@
 #define ARBOR_END_DECLS
 #endif
 
-/* Pins the layout of a record that crosses a library boundary, in C and C++. */
-#ifdef __cplusplus
+/*
+ * Pins the layout of a record that crosses a library boundary. Checked in
+ * C++ and in C11 or later; C99 has no static assertion, so there the check
+ * expands to nothing (every build of the libraries themselves checks it).
+ */
+#if defined(__cplusplus)
 #define ARBOR_RECORD_ASSERT(cond, what) static_assert(cond, what)
-#else
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define ARBOR_RECORD_ASSERT(cond, what) _Static_assert(cond, what)
+#else
+#define ARBOR_RECORD_ASSERT(cond, what) struct arbor_record_assert_unused_
 #endif
 
 #endif /* ARBOR_EXPORT_H */

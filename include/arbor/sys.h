@@ -24,11 +24,10 @@
 #include <stdint.h>
 
 #include "arbor/export.h"
+#include "arbor/handles.h"
 #include "arbor/host_callback.h"
 
 ARBOR_BEGIN_DECLS
-
-typedef struct TimedQueue TimedQueue;
 
 /*
  * The library's one timed queue: null before SysInit has finished and again

@@ -33,13 +33,13 @@
 #include <stdint.h>
 
 #include "arbor/export.h"
+#include "arbor/handles.h"
 
 ARBOR_BEGIN_DECLS
 
 /* ---------------------------------------------------------- Timed queue */
 
-/* Opaque handle of one queue and its worker. */
-typedef struct TimedQueue TimedQueue;
+/* TimedQueue (arbor/handles.h): opaque handle of one queue and its worker. */
 
 /* Opaque: one posted call, its strings included, in one heap block. */
 typedef struct TqExec TqExec;
