@@ -234,10 +234,17 @@ std::vector<PeerView> ListPeers() {
   return peers;
 }
 
+std::string PeerAddress(const PeerView& peer) {
+  // Appended piece by piece: GCC 12 at -O3 reports a false -Wrestrict on
+  // `":" + std::to_string(...)`.
+  std::string address = peer.info.address;
+  if (peer.info.listen_port != 0) address.append(":").append(std::to_string(peer.info.listen_port));
+  return address;
+}
+
 std::string PeerLabel(const PeerView& peer) {
-  std::string label = peer.info.address;
-  if (peer.info.listen_port != 0) label += ":" + std::to_string(peer.info.listen_port);
-  if (!peer.name.empty()) label += " (" + peer.name + ")";
+  std::string label = PeerAddress(peer);
+  if (!peer.name.empty()) label.append(" (").append(peer.name).append(")");
   return label;
 }
 

@@ -73,7 +73,10 @@ struct PeerView {
 
 std::vector<PeerView> ListPeers();
 
-// "127.0.0.1:7000" for a peer, with its name when it has one.
+// "127.0.0.1:7000": where a peer listens (its address alone when unknown).
+std::string PeerAddress(const PeerView& peer);
+
+// PeerAddress with the peer's name when it has one: "127.0.0.1:7000 (cam)".
 std::string PeerLabel(const PeerView& peer);
 
 // The value of key in a dictionary text, or "".

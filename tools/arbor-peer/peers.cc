@@ -48,9 +48,7 @@ int RunPeers(const PeersOptions& options) {
   }
   std::printf("%-5s %-22s %-16s %s\n", "ID", "ADDRESS", "NAME", "PRESENCE");
   for (const PeerView& p : heard) {
-    const std::string address =
-        std::string(p.info.address) +
-        (p.info.listen_port != 0 ? ":" + std::to_string(p.info.listen_port) : "");
+    const std::string address = PeerAddress(p);
     std::printf("%-5u %-22s %-16s %s\n", p.id, address.c_str(),
                 p.name.empty() ? "-" : p.name.c_str(), p.presence.c_str());
   }
