@@ -21,7 +21,7 @@
 #include "arbor/transport.h"
 #include "bench_common.h"
 #include "bench_drivers.h"
-#include "scripted_transport.h"
+#include "arbor/scripted_transport.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 
 #include "arbor/support.h"
 #include "log_capture.h"
-#include "scripted_transport.h"
+#include "arbor/scripted_transport.h"
 
 // Polls cond every millisecond until it holds or `limit` passes; whether it
 // held.

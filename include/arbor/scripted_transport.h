@@ -1,6 +1,8 @@
 /*
- * scripted_transport.h - control of the scripted transport, the transport
+ * arbor/scripted_transport.h - control of the scripted transport, the transport
  * that tests drive by hand.
+ *
+ * Audience: tests.
  *
  * libarbor-transport-scripted.so defines every function of
  * arbor/transport.h. It sends nothing anywhere: it records each call with its

@@ -4,6 +4,7 @@
  */
 #include <stddef.h>
 #include <stdio.h>
+#include <string.h>
 
 #include "arbor/asc.h"
 #include "arbor/cdef.h"
@@ -21,6 +22,7 @@
 #include "arbor/sys.h"
 #include "arbor/timedq.h"
 #include "arbor/transport.h"
+#include "arbor/version.h"
 
 _Static_assert(sizeof(PacketHeader) == 12, "PacketHeader");
 _Static_assert(offsetof(PacketHeader, nLevel) == 10, "PacketHeader.nLevel");
@@ -43,6 +45,14 @@ int main(void) {
                   (any_fn)RsSubscribeEvent, (any_fn)SysRegisterDev,
                   (any_fn)SysRegistAS,  (any_fn)sendasc};
   (void)cb;
-  printf("c headers: %zu families linked\n", sizeof fns / sizeof fns[0]);
+  /* The loaded engine is the one these headers were generated with. */
+  if (!ARBOR_VERSION_MATCHES() || arbor_version() != ARBOR_VERSION_NUMBER ||
+      strcmp(arbor_version_string(), ARBOR_VERSION_STRING) != 0) {
+    printf("c headers: headers say %s, the engine says %s (%u)\n", ARBOR_VERSION_STRING,
+           arbor_version_string(), (unsigned)arbor_version());
+    return 1;
+  }
+  printf("c headers: %zu families linked, version %s\n", sizeof fns / sizeof fns[0],
+         arbor_version_string());
   return 0;
 }

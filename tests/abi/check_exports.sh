@@ -15,6 +15,9 @@
 # Prints one line per fault and exits 1 if there is any.
 set -euo pipefail
 src=$1 engine=$2 support=$3
+# The tables are headed by the library's link name, libNAME.so, whatever
+# version its file carries.
+link_name() { local name; name=$(basename "$1"); echo "${name%%.so*}.so"; }
 doc=$src/docs/conformance.md
 status=0
 fail() { echo "$*"; status=1; }
@@ -56,7 +59,7 @@ dups=$(uniq -d <<<"$documented")
 not_ours='^(_init|_fini|__bss_start|_edata|_end)$|^__(odr_asan|asan_|tsan_|ubsan_|sanitizer_)'
 std_mangled='^_Z(GV)?Z?(N[rVK]*)?(St|9__gnu_cxx)'
 for lib in "$engine" "$support"; do
-  base=$(basename "$lib")
+  base=$(link_name "$lib")
   defined=$(nm -D --defined-only "$lib" | awk '{print $NF}' | sort -u)
   own=$(grep -vE "$not_ours" <<<"$defined" | grep -vE "$std_mangled" || true)
   mangled=$(grep '^_Z' <<<"$own" || true)
@@ -70,7 +73,7 @@ for lib in "$engine" "$support"; do
   [ -z "$extra" ] || fail "conformance.md rows that $base does not export:" $extra
 done
 strays=$(cut -f1 <<<"$rows" | sort -u |
-         grep -vxF -e "$(basename "$engine")" -e "$(basename "$support")" || true)
+         grep -vxF -e "$(link_name "$engine")" -e "$(link_name "$support")" || true)
 [ -z "$strays" ] || fail "conformance.md sections for libraries not checked:" $strays
 
 # --- the tests a row may name: the cases of every test source that its

@@ -4,7 +4,7 @@
  */
 #include <string.h>
 
-#include "scripted_transport.h"
+#include "arbor/scripted_transport.h"
 
 int scripted_c_smoke(void);
 

@@ -1,7 +1,7 @@
 // Tests of the scripted transport: what it records, the results a test can
 // choose, injection into the registered callbacks, and waiting. Every
 // engine test stands on these behaviours.
-#include "scripted_transport.h"
+#include "arbor/scripted_transport.h"
 
 #include <gtest/gtest.h>
 

@@ -13,9 +13,11 @@
 #include "arbor/net.h"
 #include "arbor/support.h"
 #include "arbor/transport.h"
+#include "arbor/version.h"
 #include "c_boundary.h"
 #include "net_transport.h"
 #include "wan_api.h"
+#include "wire_codec.h"
 
 namespace {
 
@@ -87,7 +89,8 @@ int32_t LANConRemoteHostInfo(uint16_t peer) {
   return guarded("LANConRemoteHostInfo", [=] { return instance().ConnectPeer(peer); });
 }
 
-const char* arbor_net_version(void) { return "arbor-net 0.1.0 wire 1"; }
+static_assert(arbor::net::kWireVersion == 1, "arbor_net_version names the wire version");
+const char* arbor_net_version(void) { return "arbor-net " ARBOR_VERSION_STRING " wire 1"; }
 
 int32_t arbor_net_lan_port(void) {
   return guarded("arbor_net_lan_port", [] { return instance().LanPort(); });

@@ -13,7 +13,7 @@
 
 #include "arbor/support.h"
 #include "scripted_state.h"
-#include "scripted_transport.h"
+#include "arbor/scripted_transport.h"
 
 namespace scripted {
 

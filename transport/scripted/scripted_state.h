@@ -17,7 +17,7 @@
 #include <mutex>
 #include <vector>
 
-#include "scripted_transport.h"
+#include "arbor/scripted_transport.h"
 
 namespace scripted {
 

@@ -14,7 +14,7 @@
 #include "arbor/support.h"
 #include "arbor/transport.h"
 #include "scripted_state.h"
-#include "scripted_transport.h"
+#include "arbor/scripted_transport.h"
 
 namespace {
 
