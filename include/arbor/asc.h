@@ -2,6 +2,10 @@
  * arbor/asc.h - application services: the two tables that map AS codes to
  * handlers, and the dispatch of incoming messages to them.
  *
+ * Audience: hosts (SysRegistAS, SysRegistASLan, SysRegistASLan_0 and the
+ * handler types). The other functions are engine internals, each marked where
+ * it is declared.
+ *
  * Every message that arrives outside a data pipe carries an AS code, the
  * number of the service it is for. The service table serves the link to the
  * service: its rows are named and numbered by the sign-in reply, and a
@@ -102,12 +106,14 @@ typedef int32_t (*AsCodeHandler)(int32_t code, uint32_t size,
 typedef void (*AsHandler)(void);
 
 /* Does nothing: the tables start empty. Returns 0. */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t asc_init(void);
 
 /*
  * Empties both tables and frees every row and name. Rows returned by
  * asc_get_byname are invalid from here on. Returns 0, which means nothing.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t asc_uninit(void);
 
 /*
@@ -125,6 +131,7 @@ ARBOR_EXPORT int32_t SysRegistAS(int32_t type, ServiceHandler handler);
  * Returns 0, whatever happens; a null name or lack of memory leaves the
  * table unchanged, with a level-0 line.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t asc_put_code_name(int32_t type, int32_t code,
                                        const char* name);
 
@@ -132,6 +139,7 @@ ARBOR_EXPORT int32_t asc_put_code_name(int32_t type, int32_t code,
  * The first row, in the order rows were made, named exactly name; null when
  * there is none or name is null. Valid until asc_uninit (convention 5).
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT ServiceRow* asc_get_byname(const char* name);
 
 /*
@@ -165,6 +173,7 @@ ARBOR_EXPORT int32_t SysRegistASLan_0(int32_t asc, AsHandler old_handler,
  * it with a negative result, else 0). Any other cls is the caller's fault
  * (assertion "cdef == get_lan_cdef()"). size 0 returns 0 and calls nobody.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t asdispatch(const cdef* cls, uint32_t from, int32_t code,
                                 const char* data, uint32_t size);
 
@@ -174,6 +183,7 @@ ARBOR_EXPORT int32_t asdispatch(const cdef* cls, uint32_t from, int32_t code,
  * negative result, else 0; 0 at once, calling nobody, for size 0 or asc 0
  * or below.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t evt_local_asc(int32_t asc, const char* data,
                                    uint32_t size);
 

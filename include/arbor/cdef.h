@@ -2,6 +2,8 @@
  * arbor/cdef.h - the device class record: the table of operations with which
  * a driver joins the engine, and the callback through which it speaks back.
  *
+ * Audience: drivers, and the hosts that register them.
+ *
  * Drivers are built against this record, so its layout is fixed: ten
  * pointer-sized words in the order below, never reordered, never grown.
  *

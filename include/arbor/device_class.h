@@ -2,6 +2,10 @@
  * arbor/device_class.h - the device class table, the engine's own classes
  * (WAN, LAN, null), LAN pipe numbers and the network classes' slots.
  *
+ * Audience: hosts (SysRegisterDev, SysUnregisterDev) and drivers
+ * (get_null_cdef). The other functions are engine internals, each marked where
+ * it is declared.
+ *
  * The host, or a driver it started, registers each driver's cdef record
  * with SysRegisterDev; from then on the session forest reaches devices only
  * through the record's slots, and finds the class of a resource by its full
@@ -42,11 +46,14 @@ ARBOR_BEGIN_DECLS
  * for drivers). Valid addresses at any time; their slots are filled by
  * cdef_init.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT cdef* get_wan_cdef(void);
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT cdef* get_lan_cdef(void);
 ARBOR_EXPORT cdef* get_null_cdef(void);
 
 /* 1 when cls is the WAN or the LAN class (by address), else 0; null gives 0. */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t is_network_dev(const cdef* cls);
 
 /*
@@ -54,6 +61,7 @@ ARBOR_EXPORT int32_t is_network_dev(const cdef* cls);
  * device directory and is not looked at: drivers come only through
  * SysRegisterDev. Returns 0; cannot fail.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t cdef_init(const char* path);
 
 /*
@@ -76,6 +84,7 @@ ARBOR_EXPORT cdef* SysUnregisterDev(cdef* cls);
  * registered of several; null when none does, and null for a null or empty
  * fullname (such a name can come from a message). Blocks on the class mutex.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT cdef* cdef_find_by_fullname(const char* fullname);
 
 /*
@@ -85,10 +94,12 @@ ARBOR_EXPORT cdef* cdef_find_by_fullname(const char* fullname);
  * command queue's consumer. A text that does not parse, lacks ftN, names no
  * class or a class without DoEvent ends silently. arg is not used.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void cdef_res_control(uintptr_t arg, const void* text,
                                    uint32_t size);
 
 /* Frees the class table and sets its count to 0. Returns 0. */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t cdef_uninit(void);
 
 /* ------------------------------------------------------ LAN pipes */
@@ -98,9 +109,11 @@ ARBOR_EXPORT int32_t cdef_uninit(void);
  * order and wrap from 65535 to 1024, so a freed number comes back only after
  * the whole range has passed. 0 when all are in use or memory runs out.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT uint32_t lan_pipe_alloc(void);
 
 /* Gives a number back; one that is not in use is ignored. */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void lan_pipe_free(uint32_t number);
 
 /* ------------------------------------------------- Network classes */
@@ -113,6 +126,7 @@ ARBOR_EXPORT void lan_pipe_free(uint32_t number);
  * bytes with its terminator (it is never cut), or the merged text does not
  * fit. base may lie in buffer.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t bemerge(char* buffer, uint32_t size, const char* base,
                              const char* format, ...) ARBOR_PRINTF(4, 5);
 
@@ -121,14 +135,17 @@ ARBOR_EXPORT int32_t bemerge(char* buffer, uint32_t size, const char* base,
  * under its event name. Returns what the emission returned, or 0 when text
  * is null, does not parse or lacks either key. cls is not used.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t net_emit_event(const cdef* cls, const char* text);
 
 /*
  * The DoEvent slots of the WAN and LAN classes: an in-band event reaching a
  * network node becomes a local resource event (net_emit_event). Return 0.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t wan_do_event(const char* name, int32_t xfd,
                                   const char* text);
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t lan_do_event(const char* name, int32_t xfd,
                                   const char* text);
 
@@ -137,6 +154,7 @@ ARBOR_EXPORT int32_t lan_do_event(const char* name, int32_t xfd,
  * A flags word without a packet type (bits 16-23 zero) is sent as media
  * (type 4). Returns what sendasc returned.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t wan_write(int32_t xfd, const void* data, uint32_t size,
                                uint32_t flags);
 
@@ -144,6 +162,7 @@ ARBOR_EXPORT int32_t wan_write(int32_t xfd, const void* data, uint32_t size,
  * The Write slot of the LAN class. It does not return: it aborts the
  * process. LAN data travels by its own road, so no code may call this slot.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t lan_write(int32_t xfd, const void* data, uint32_t size,
                                uint32_t flags);
 
@@ -159,6 +178,7 @@ ARBOR_EXPORT int32_t lan_write(int32_t xfd, const void* data, uint32_t size,
  * held across the driver calls: GetObjectInfo and Retrieve must not wait for
  * anything that needs it.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void cdef_resources_present(void);
 
 /*
@@ -167,6 +187,7 @@ ARBOR_EXPORT void cdef_resources_present(void);
  * read. The text lives in one static buffer that the next call overwrites:
  * not reentrant.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT const char* get_mac_address(const char* interface);
 
 ARBOR_END_DECLS

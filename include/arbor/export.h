@@ -1,6 +1,9 @@
 /*
  * arbor/export.h - symbol visibility and C linkage for Arbor's public headers.
  *
+ * Audience: hosts, drivers and transports, through the headers that include it;
+ * nothing here is called.
+ *
  * Every library of the project is built with -fvisibility=hidden; a name is
  * part of a library's interface only when its declaration carries
  * ARBOR_EXPORT. The same macro serves the engine, the support library and the

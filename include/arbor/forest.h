@@ -3,6 +3,9 @@
  * session request, the command queue that serialises every change to the
  * forest, and the commands that take sessions down.
  *
+ * Audience: engine internals: exported because the engine's design exports
+ * them; hosts and drivers do not call them.
+ *
  * Every change to the forest is a command: a handler, one word and an
  * optional payload, pushed from any thread and run, one at a time and in
  * the order of pushing, on the queue's one consumer thread.

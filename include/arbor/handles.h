@@ -1,6 +1,8 @@
 /*
  * arbor/handles.h - the types that more than one public header names.
  *
+ * Audience: hosts, drivers and transports, through the headers that include it.
+ *
  * C99 allows a typedef only once in a translation unit, so a type that two
  * headers need is declared here, once, and both include this file.
  */

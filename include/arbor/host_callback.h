@@ -2,6 +2,8 @@
  * arbor/host_callback.h - the one callback through which the host hears how
  * the service link is doing and what the service answered.
  *
+ * Audience: hosts.
+ *
  * Conventions:
  *  1. The callback is called from two threads: the timed queue's worker (W)
  *     and the transport thread that is inside the WAN callback (T). It may be

@@ -2,6 +2,10 @@
  * arbor/ident.h - generators of names: random text, guest user names,
  * unique ids and session ids (sids).
  *
+ * Audience: hosts (GenerateSID for the sid of ExecDial, GetUUID and
+ * GetGuestUser for names of their own). randseq and ipv4 are engine internals,
+ * marked where they are declared.
+ *
  * Conventions:
  *  1. The caller owns every buffer and gives its room as each call states;
  *     each call writes into it and returns it. Nothing is allocated.
@@ -26,6 +30,7 @@
 ARBOR_BEGIN_DECLS
 
 /* The seed's address term: always 0. Cannot fail. */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT uint32_t ipv4(void);
 
 /*
@@ -34,6 +39,7 @@ ARBOR_EXPORT uint32_t ipv4(void);
  * terminator, and nothing when n is 0 or negative. The same seed and n give
  * the same text. Returns buffer.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT char* randseq(char* buffer, int32_t n, uint32_t seed);
 
 /*

@@ -3,6 +3,9 @@
  * media and in-band text from a peer, from the service or from a local
  * driver, carried to the command queue's consumer in one record.
  *
+ * Audience: engine internals: exported because the engine's design exports
+ * them; hosts and drivers do not call them.
+ *
  * Conventions:
  *  1. Layout. An InbandRecord is a head followed at once by length bytes of
  *     payload; the payload starts sizeof(InbandRecord) bytes after the

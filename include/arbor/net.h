@@ -2,6 +2,9 @@
  * arbor/net.h - what a host may set and read of the socket transport,
  * libarbor-net.so, beyond the twelve functions of arbor/transport.h.
  *
+ * Audience: hosts that link libarbor-net.so. Transport implementers read the
+ * table below: it is how this transport answers arbor/transport.h.
+ *
  * Conventions:
  *  1. Threads. Every function here may be called from any thread at any
  *     time, also from inside the transport's callbacks. None of them blocks

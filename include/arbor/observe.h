@@ -3,6 +3,8 @@
  * that hears every session of this peer begin, end and fail, and a
  * snapshot of the forest with what passed each node.
  *
+ * Audience: hosts.
+ *
  * An addition beside the engine's own roads: nothing here changes what the
  * engine sends to owners, drivers or the local table. A host that never
  * calls these functions pays one relaxed atomic add per chunk and node.

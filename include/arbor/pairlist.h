@@ -2,6 +2,9 @@
  * arbor/pairlist.h - a key-value block: lines "key: value" in one heap block,
  * the shape of a mail or HTTP header.
  *
+ * Audience: engine internals: exported because the engine's design exports
+ * them; hosts and drivers do not call them.
+ *
  * Each stored line ends in NUL and LF, so a value can be read in place as a
  * C string, and the whole block turns into plain text (lines ending in CR
  * and LF) in one pass. The block is laid out as a 32-bit unsigned length

@@ -5,6 +5,10 @@
  * host, and hands media and in-band text that arrive from a peer, the
  * service or a driver to the tree they belong to.
  *
+ * Audience: hosts (RSCDial, ExecDial, RSCHangup and the notices of convention
+ * 6). The other functions are engine internals, each marked where it is
+ * declared.
+ *
  * Nothing here touches a tree: every change happens later, on the command
  * queue's consumer thread, in the order of the pushes. So a command pushed
  * between two frames of one pipe separates them, and a hang-up that follows
@@ -58,6 +62,7 @@ ARBOR_BEGIN_DECLS
  * event service under local code 555. Returns 0; a failed start is logged,
  * and the queue then refuses every command.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t rsc_init(void);
 
 /*
@@ -65,6 +70,7 @@ ARBOR_EXPORT int32_t rsc_init(void);
  * and sweeps the forest empty, telling the owner of each session still
  * open. SysExit calls it after the service tables are emptied.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void rsc_uninit(void);
 
 /*
@@ -72,6 +78,7 @@ ARBOR_EXPORT void rsc_uninit(void);
  * branch that runs over the WAN. For the loss of the WAN link and for
  * SysLogout. Returns what cmdq_push returned: null when the queue refused.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT CommandHandler rsc_wan_clean(void);
 
 /* --------------------------------------------------------- Control texts */
@@ -86,6 +93,7 @@ ARBOR_EXPORT CommandHandler rsc_wan_clean(void);
  * the sender's qvid (0: the WAN or this peer), asc the AS code it travelled
  * under. A text that does not decode is logged "decode error". Returns 0.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t rsc_callback(cdef* cls, uint32_t from, int32_t asc,
                                   const char* data, uint32_t size);
 
@@ -97,6 +105,7 @@ ARBOR_EXPORT int32_t rsc_callback(cdef* cls, uint32_t from, int32_t asc,
  * word, is dropped without a reply. Each accepted command becomes one push
  * on the command queue. Returns 0.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t rsc_main(cdef* cls, uint32_t from, int32_t asc,
                               const char* name, Dict dict);
 
@@ -106,6 +115,7 @@ ARBOR_EXPORT int32_t rsc_main(cdef* cls, uint32_t from, int32_t asc,
  * key FD set to fd. A text that does not decode or does not fit in 2048
  * bytes once the keys are set is dropped. Returns 0.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t RSCDoEvent(const char* ftN, int32_t fd, const char* data,
                                 uint32_t size);
 
@@ -113,6 +123,7 @@ ARBOR_EXPORT int32_t RSCDoEvent(const char* ftN, int32_t fd, const char* data,
  * Whether peer from, under AS code asc, may ask this peer to feed a chain.
  * Every peer may: this is the place for a rule, and there is none. Returns 1.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t is_read_access_allow(uint32_t from, int32_t asc);
 
 /* ------------------------------------------------------------------ Dial */
@@ -161,6 +172,7 @@ ARBOR_EXPORT intptr_t RSCHangup(intptr_t x, const char* sid);
  * types are logged and dropped, and so is a frame without bytes (null data
  * or size 0), on both doors.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void rsc_lan_data_incoming(uint32_t qvid, uint32_t pipe,
                                         uint32_t type, const void* data,
                                         uint32_t size);
@@ -171,6 +183,7 @@ ARBOR_EXPORT void rsc_lan_data_incoming(uint32_t qvid, uint32_t pipe,
  * when size + 64 reaches 2028. Other types are logged ("VPipe input
  * unhandled") and dropped.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void rsc_wan_data_incoming(uint32_t pipe, uint32_t type,
                                         const void* data, uint32_t size);
 
@@ -179,8 +192,10 @@ ARBOR_EXPORT void rsc_wan_data_incoming(uint32_t pipe, uint32_t type,
  * tree opened on (cls, fd) with uid 0, with the frame's flags word flag.
  * A frame that cannot be copied is dropped.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void rsc_post_data(const cdef* cls, int32_t fd, const void* data,
                                 uint32_t size, uint32_t flag);
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT void rsc_post_event(const cdef* cls, int32_t fd, const char* text,
                                  uint32_t flag);
 

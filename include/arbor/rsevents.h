@@ -1,6 +1,10 @@
 /*
  * arbor/rsevents.h - subscriptions to resource events.
  *
+ * Audience: engine internals: exported because the engine's design exports
+ * them; hosts and drivers do not call them. Hosts subscribe with SysSubscribe
+ * (arbor/sys.h), drivers through their device callback (arbor/cdef.h).
+ *
  * Resources have dotted path names ("cam0.video"). A subscriber asks to hear
  * of an event by name, at a path or anywhere, and is not a callback but a
  * pair of numbers (uid, asc) that the sender hook turns into a message when

@@ -2,6 +2,9 @@
  * arbor/send.h - the one road out: every frame the library sends, to the
  * service, to a LAN peer or to its own service handlers, passes sendasc.
  *
+ * Audience: hosts (sendasc, NetSend, NetSendLan). lansend and wansend are
+ * engine internals, marked where they are declared.
+ *
  * Conventions:
  *  1. Ownership. Data is borrowed for the call only: nothing here keeps a
  *     pointer to it, and the caller frees or reuses it on return. Names are
@@ -64,6 +67,7 @@ ARBOR_EXPORT int32_t sendasc(uint32_t qvid, int32_t asc, const void* data,
  * fails or does not fit 4096 bytes. Otherwise the result of LANNetWrite.
  * Does not look at lan_state: that is sendasc's test.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t lansend(uint32_t qvid, int32_t asc, PacketHeader* header,
                              const void* data, uint32_t size);
 
@@ -76,6 +80,7 @@ ARBOR_EXPORT int32_t lansend(uint32_t qvid, int32_t asc, PacketHeader* header,
  * before it gets here). Otherwise the result of NetWrite. Does not look at
  * wan_state: that is sendasc's test.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT int32_t wansend(uint32_t qvid, int32_t asc, PacketHeader* header,
                              const void* data, uint32_t size);
 

@@ -3,6 +3,9 @@
  * copies of ranges and strings, splitting, joining, and walking a
  * comma-separated list.
  *
+ * Audience: engine internals: exported because the engine's design exports
+ * them; hosts and drivers do not call them.
+ *
  * Conventions:
  *  1. Every string or buffer returned here comes from malloc and belongs to
  *     the caller, who frees it with free(). Arguments are borrowed: nothing

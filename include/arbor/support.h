@@ -2,6 +2,10 @@
  * arbor/support.h - the support library: text dictionary, log, read-write
  * lock and password digest.
  *
+ * Audience: hosts, drivers and transports (dictionary text; logging,
+ * LOG_SetLevel and LOG_SetSink for hosts), and whoever replaces libarbor-
+ * support.so, which exports every name here.
+ *
  * The engine imports these names from libarbor-support.so. A device maker may
  * link a support library of their own in its place; it must export these
  * names with these shapes, and the engine (and every transport) logs only

@@ -3,6 +3,9 @@
  * event subscriptions, sign-in to the service, the LAN side, and the
  * account commands.
  *
+ * Audience: hosts. timedq_ alone is an engine internal, marked where it is
+ * declared.
+ *
  * Conventions:
  *  1. SysVer may come before SysInit; everything else comes after SysInit
  *     and before SysExit. SysExit is the last call, made once, from a host
@@ -33,6 +36,7 @@ ARBOR_BEGIN_DECLS
  * The library's one timed queue: null before SysInit has finished and again
  * from SysExit on. Written only by SysInit and SysExit.
  */
+/* Engine internal: hosts do not call. */
 ARBOR_EXPORT extern TimedQueue* timedq_;
 
 /*

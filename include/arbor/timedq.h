@@ -2,6 +2,9 @@
  * arbor/timedq.h - the timed queue, a worker thread that runs calls at a
  * given time, and response lists, calls deferred within one thread.
  *
+ * Audience: engine internals: exported because the engine's design exports
+ * them; hosts and drivers do not call them.
+ *
  * Conventions:
  *  1. Strings handed to a post are copied into the entry before the call
  *     returns; the poster may reuse its buffers at once. A handler's argv and

@@ -3,6 +3,9 @@
  * transport library, the two callbacks it hands to it, and the records that
  * cross between them.
  *
+ * Audience: transports: whoever implements these functions. The engine calls
+ * them; a host never does, it links one transport beside the engine.
+ *
  * libarbor.so calls these functions by name and never defines them; the host
  * links one transport beside it (libarbor-transport-scripted.so for tests, a
  * socket transport in production, or a device maker's own).
