@@ -9,6 +9,8 @@ packages=(
   build-essential   # gcc/g++ 12, make
   cmake             # 3.25
   ninja-build
+  dpkg-dev          # dpkg-shlibdeps: the .deb files' dependencies (scripts/package.sh)
+  file              # CPack's DEB generator tells binaries from other files with it
   pkg-config
   libgtest-dev      # GoogleTest
   libgmock-dev

@@ -2,7 +2,9 @@
 # Builds Arbor and runs the whole test suite through CTest three times: as a
 # plain build, under AddressSanitizer and UndefinedBehaviorSanitizer, and under
 # ThreadSanitizer (death tests excepted: they fork a threaded process, which
-# ThreadSanitizer does not support).
+# ThreadSanitizer does not support). After the plain suite, each benchmark
+# runs once briefly, and the plain build is installed and packaged and an
+# example host is built against both (scripts/check_consumers.sh).
 # Installs missing Debian packages first. Every suite runs even when an
 # earlier one failed; the script ends with one line "N passed, N failed"
 # (a build that fails counts as one failed test) and exits non-zero when
@@ -54,6 +56,14 @@ if bash scripts/bench.sh --smoke --build-dir build >/dev/null; then
   passed=$((passed + 1))
 else
   echo "== benchmarks: a benchmark did not run; see scripts/bench.sh --smoke"
+  failed=$((failed + 1))
+fi
+# What a device maker gets: install, pkg-config, the CMake package and the
+# Debian packages, each used to build and run the example host out of tree.
+echo "== consumers: the installed tree and the .deb files (scripts/check_consumers.sh)"
+if bash scripts/check_consumers.sh build; then
+  passed=$((passed + 1))
+else
   failed=$((failed + 1))
 fi
 run_suite build-asan "" -DCMAKE_BUILD_TYPE=Debug -DARBOR_SANITIZE=address
