@@ -9,8 +9,8 @@
 // opened anew beside an equal node (the edge rule), and that the walk stops
 // at a network node: nothing under a pipe is shared.
 //
-// Lock order (device/forest.h): forest_.mutex for the search, with the
-// use-count mutex inside it for the reference; the forest mutex is released
+// Lock order (device/forest.h): forest_.mutex for the search, which takes
+// the reference before it lets go; the forest mutex is released
 // before root->lock is taken, and root->lock is held for writing over the
 // whole work on an existing root (see device/build.h for why). Open never
 // runs under the forest mutex. Consumer thread only.

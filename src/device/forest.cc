@@ -33,21 +33,14 @@ void node_free(TreeNode* node) { delete node; }
 
 void root_free(TreeRoot* root) { delete root; }
 
-void root_ref(TreeRoot* root) {
-  std::lock_guard<std::mutex> lock(forest_.use_mutex);
-  ++root->use_count;
-}
+void root_ref(TreeRoot* root) { root->use_count.fetch_add(1); }
 
 void root_unref(TreeRoot* root) {
-  std::lock_guard<std::mutex> lock(forest_.use_mutex);
-  ARBOR_ASSERT(root->use_count > 0, "root->use_count > 0");
-  --root->use_count;
+  const int32_t before = root->use_count.fetch_sub(1);
+  ARBOR_ASSERT(before > 0, "root->use_count > 0");
 }
 
-int32_t root_use_count(TreeRoot* root) {
-  std::lock_guard<std::mutex> lock(forest_.use_mutex);
-  return root->use_count;
-}
+int32_t root_use_count(TreeRoot* root) { return root->use_count.load(); }
 
 // The newest root stands first, so of two equal roots a search finds the
 // younger.
@@ -67,8 +60,7 @@ LeafIndexEntry* root_find_leaf_by_sid(TreeRoot* root, const char* sid) {
   return nullptr;
 }
 
-// Lock order: forest mutex, then each root's lock for reading, then the
-// use-count mutex inside root_ref. The reference is taken before the root's
+// Lock order: forest mutex, then each root's lock for reading. The reference is taken before the root's
 // lock is released, so the root cannot be swept between the two.
 TreeRoot* forest_ref_tree_by_sid(const char* sid) {
   std::lock_guard<std::mutex> lock(forest_.mutex);

@@ -10,10 +10,10 @@
  *
  * Lock order, for every path that takes more than one:
  *
- *     forest_.mutex  ->  root->lock (QVRWLock)  ->  forest_.use_mutex
+ *     forest_.mutex  ->  root->lock (QVRWLock)
  *
- * The use-count mutex is held for one counting step and nothing is taken
- * under it. No path takes the forest mutex while it holds a root's lock. A
+ * A root's use_count is an atomic counter, not a lock: it is changed and
+ * read at any point of that order. No path takes the forest mutex while it holds a root's lock. A
  * holder of a reference releases the root's lock first and the reference
  * after it, so that a sweep cannot free the lock under its holder. The
  * command queue's mutex, the timed queue, the class mutex and the event lock
@@ -82,7 +82,7 @@ struct LeafIndexEntry {
 
 // A root: a TreeNode at its start, so a walk along parent ends at one.
 //
-// use_count (guarded by forest_.use_mutex) is the sum of
+// use_count (atomic; see root_ref for why no lock guards it) is the sum of
 //  - one per node that hangs directly on the root (whoever hangs a node
 //    there takes it; _cleanup_sid gives it back when a removal reaches the
 //    root),
@@ -100,7 +100,7 @@ struct TreeRoot {
   int32_t leaves_size;             // rows in leaves
   LeafIndexEntry* leaves;          // heap, exactly leaves_size rows; null
                                    // once the root has closed
-  int32_t use_count;               // see above; forest_.use_mutex
+  std::atomic<int32_t> use_count;  // see above
   // The read thread's state: 0 none, 1 wanted, 2 running, -1 told to end,
   // -111 finished and joinable. Written by several threads; every change
   // moves it towards the end.
@@ -118,8 +118,7 @@ static_assert(offsetof(TreeRoot, node) == 0, "TreeRoot starts with a node");
 // unlinking needs no special case for the first root.
 struct Forest {
   TreeRoot head;
-  std::mutex mutex;      // the list: every next, and unlinking
-  std::mutex use_mutex;  // use_count of every root
+  std::mutex mutex;  // the list: every next, and unlinking
   // Roots in the list, and roots closed since the last sweep: only the
   // trigger of forest_sweep_closed reads them, so a count that is off by a
   // few sweeps a little early or late, never wrongly.
@@ -167,11 +166,20 @@ TreeRoot* root_new();
 void node_free(TreeNode* node);
 void root_free(TreeRoot* root);
 
-// Raise or lower use_count by 1 under the use-count mutex. Lowering a count
-// of 0 is a broken count, our own fault (assertion "root->use_count > 0").
+// Raise or lower use_count by 1. Lowering a count of 0 is a broken count,
+// our own fault (assertion "root->use_count > 0"). After root_unref the
+// caller must not touch the root: a sweep may free it at once.
+//
+// No lock is needed because a count can only rise from 0 where no sweep can
+// run beside it: sweeps run on the consumer with the forest mutex held, and
+// a reference is taken either by a holder of another one, under the forest
+// mutex (the look-ups), or on the consumer (the builders). Lowering is
+// sequentially consistent, and so is the sweep's read, so everything a
+// holder did to the root happens before the sweep that frees it. The data
+// path pays two atomic steps per frame for its reference, not two mutexes.
 void root_ref(TreeRoot* root);
 void root_unref(TreeRoot* root);
-// use_count as it stands, read under the use-count mutex.
+// use_count as it stands.
 int32_t root_use_count(TreeRoot* root);
 
 // Makes root the first of the forest, under the forest mutex. Cannot fail.

@@ -8,8 +8,9 @@
 // Both run on the consumer only, so no two sweeps meet. A root is freed only
 // when its use_count is 0: no branch, no read thread and no holder keeps it,
 // and the forest mutex, held for the whole walk, keeps new holders away.
-// Joins happen with the forest mutex held; a thread that has set -111 needs
-// nothing more than the use-count mutex, so it cannot wait for us.
+// Joins happen with the forest mutex held; a thread that has set -111 takes
+// no lock any more (only its reference's atomic step), so it cannot wait
+// for us.
 #include <pthread.h>
 #include <unistd.h>
 

@@ -13,7 +13,7 @@
 // Threads: the commands run on the consumer; Tree_timed_check on the timed
 // queue's worker; is_free_time on any thread. They meet on a root only
 // through its lock, which every removal holds for writing. Lock order as in
-// device/forest.h: forest mutex, root's lock, use-count mutex. Messages are
+// device/forest.h: forest mutex, then root's lock. Messages are
 // sent under the root's lock (and under the forest mutex in the loops over
 // the forest); what goes to the local table is posted to the timed queue
 // (forest_dispatch_local), so no handler runs under those locks.
