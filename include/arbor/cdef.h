@@ -54,7 +54,9 @@ typedef void (*DeviceCallback)(const cdef* cls, const char* var,
  * The contract of every slot. "Class mutex" is the mutex of the engine's
  * class table; "consumer" is the command queue's consumer thread; "read
  * thread" is the thread that the engine starts for a root whose Open asked
- * for threading.
+ * for threading. A read thread's stack is ARBOR_READ_THREAD_STACK bytes, not
+ * the process's default: Read, and Write and Convert when they run there,
+ * keep large buffers off the stack.
  *
  * Reserved       Not a function. The engine neither reads nor writes it in a
  *                registered record. May be null.
@@ -96,6 +98,9 @@ typedef void (*DeviceCallback)(const cdef* cls, const char* var,
  *                Result: negative on failure. Called on a read thread or the
  *                consumer. May be null: the input then passes unchanged.
  */
+/* Bytes of stack of every read thread (256 KiB). */
+#define ARBOR_READ_THREAD_STACK (256u * 1024u)
+
 struct cdef {
   void* Reserved;
   int32_t (*SetCallback)(DeviceCallback callback);

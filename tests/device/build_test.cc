@@ -69,6 +69,31 @@ TEST_F(Build, ActivationTellsTheSourceAndAFailedThreadStartKeepsNoReference) {
   EXPECT_EQ(Events(), std::vector<std::string>{"MainCmd=24;"});
 }
 
+// Drivers are promised ARBOR_READ_THREAD_STACK bytes of stack in Read: the
+// thread an activation starts must have at least that, whatever the
+// process's default.
+std::atomic<size_t> read_stack{0};
+TEST_F(Build, TheReadThreadHasTheStackDriversArePromised) {
+  static cdef sized = [] {
+    cdef cls = dev;
+    cls.Read = [](int32_t, void*, uint32_t, uint32_t*) {
+      pthread_attr_t attr;
+      size_t size = 1;  // seen, even if the query fails
+      if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+        pthread_attr_getstacksize(&attr, &size);
+        pthread_attr_destroy(&attr);
+      }
+      read_stack = size;
+      return -1;  // the thread ends
+    };
+    return cls;
+  }();
+  opener.threading = 1;
+  ASSERT_NE(Branch(0, {Hop(&sized, "cam.1"), Hop(&dev, "d.1")}), nullptr);
+  ASSERT_TRUE(WaitFor([] { return read_stack.load() != 0; }));
+  EXPECT_GE(read_stack.load(), size_t{ARBOR_READ_THREAD_STACK});
+}
+
 class Setup : public ForestTest {};
 
 // The leaf of sid's row, or null (read after a Drain: nothing writes).
