@@ -156,6 +156,21 @@ int32_t encode_create(char* text, const TreeRequest* dx, const MNodeInfo* hop,
   return length;
 }
 
+// True when every node from node up to its root is active. A node, once
+// active, stays so until it is freed, and it is freed only with the last
+// row that keeps it: a time-out check of such a branch can only find it
+// active and end nothing. Such a branch is therefore posted no check, which
+// departs from posting one for every partial branch on purpose: each entry
+// holds its sid for a minute, so a peer that opens and closes sessions as
+// fast as it can (25,000 a second here) would pin about 120 bytes per
+// session, some 180 MB, for nothing. A branch that waits for a peer's word
+// still gets its check. The root's lock is held.
+bool branch_runs(const TreeNode* node) {
+  for (; node != nullptr; node = node->parent)
+    if (node->active == 0) return false;
+  return true;
+}
+
 void post_check(uint32_t delay, const TreeNode* leaf, const char* sid) {
   const char* argv[] = {sid, nullptr};
   sys_post_timed(delay, Tree_timed_check, reinterpret_cast<uintptr_t>(leaf), 1,
@@ -338,6 +353,7 @@ void Tree_new_partial(uintptr_t, const void* payload, uint32_t size) {
       leaf = nullptr;
     } else {
       const bool indexed = forest_index_leaf(dx->uid, dx->ascode, dx->sid, end);
+      const bool waits = !branch_runs(end);  // read under the lock
       // "SessionStart" first, then the Follower notice, as for a request;
       // both with the lock released and the reference held.
       QVXUNLock(&root->lock);
@@ -347,10 +363,10 @@ void Tree_new_partial(uintptr_t, const void* payload, uint32_t size) {
         root_notify(root_node(root), "Follower", kFollowerText,
                     kMainCmdFollower, peer_length(dx), dx->peer, dx->sid);
       }
-      if (indexed) {
+      if (indexed && waits) {
         ARBOR_LOG(3, "%s:Tree_timed_check", "Tree_new_partial");
         post_check(kPartialCheckMs, end, dx->sid);
-      } else {
+      } else if (!indexed) {
         drop_unindexed(root, end, dx->sid, "Tree_new_partial");
       }
       root_unref(root);
