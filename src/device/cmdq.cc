@@ -17,7 +17,9 @@
 //    added by pushers and bytes taken away by the consumer, each on a cache
 //    line of its own, so that the two sides do not trade one line per
 //    command; the total is their difference. A push adds before its item
-//    becomes visible, so the total never dips below zero.
+//    becomes visible, so the total never dips below zero. Every writer of
+//    the added side holds the mutex (cached_size_inc takes it too), so a
+//    push adds with a plain load and store, not a locked instruction.
 //  - Items are reused: the consumer hands the items it has run back at its
 //    next hold of the mutex (up to kItemKeep kept), and a push takes one
 //    from there, so a stream of frames allocates no item per frame. A
@@ -100,7 +102,8 @@ struct CommandQueue {
   // Items accepted and not yet handed back: raised by each push and lowered
   // by the consumer for a whole batch at its next hold of the mutex, so the
   // two threads do not trade this word's cache line once per command. Only
-  // changed under mutex; read without it (cmdq_queued).
+  // changed under mutex, so with a plain load and store (queued_add); read
+  // without it (cmdq_queued).
   std::atomic<uint32_t> queued;
 };
 
@@ -130,17 +133,23 @@ uint32_t cached_now() {
   return cached_added.bytes.load() - taken;
 }
 
+// Adds to a counter whose every writer holds the queue's mutex: a plain
+// load and store, which a reader without the mutex sees whole.
+void add_under_mutex(std::atomic<uint32_t>& word, uint32_t n) {
+  word.store(word.load(std::memory_order_relaxed) + n,
+             std::memory_order_release);
+}
+
 // cached_size_inc and cached_size_dec without a result, for the queue's
 // own use: the total (the other side's line) is read only for the trace.
-void cached_add(uint32_t size) {
-  cached_added.bytes.fetch_add(size);
-  if (LOG_GetLevel() >= 3)
-    ARBOR_LOG(3, "cached: inc size=%u, total=%u", size, cached_now());
+// cached_add: q.mutex held.
+void cached_add(uint32_t size, bool tracing) {
+  add_under_mutex(cached_added.bytes, size);
+  if (tracing) ARBOR_LOG(3, "cached: inc size=%u, total=%u", size, cached_now());
 }
-void cached_take(uint32_t size) {
+void cached_take(uint32_t size, bool tracing) {
   cached_taken.bytes.fetch_add(size);
-  if (LOG_GetLevel() >= 3)
-    ARBOR_LOG(3, "cached: dec size=%u, total=%u", size, cached_now());
+  if (tracing) ARBOR_LOG(3, "cached: dec size=%u, total=%u", size, cached_now());
 }
 
 thread_local bool on_consumer = false;
@@ -226,8 +235,12 @@ class QueueLock {
 // Queues fn; see cmdq_push for the contract. A refusal leaves nothing
 // queued: the item and the payload copy are made before anything is linked,
 // and dropped together when either fails.
+// tracing: whether level-3 lines are written, looked up once by the caller
+// for the push's three trace lines, so that a stream of frames makes one
+// call into the log per frame, not four.
 CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
-                              const void* payload, uint32_t size) {
+                              const void* payload, uint32_t size,
+                              bool tracing) {
   if (fn == nullptr) fn = exitq;
   CommandQueue& q = queue_;
   pthread_t join = kNoThread;
@@ -266,14 +279,14 @@ CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
     item->payload = copy;
     item->size = size;
     q.last_fn = fn;
-    if (copy != nullptr) cached_add(size);
+    if (copy != nullptr) cached_add(size, tracing);
     q.head.next->prev = &item->link;
     q.head.next = &item->link;
-    q.queued.fetch_add(1, std::memory_order_relaxed);
+    add_under_mutex(q.queued, 1);
     pthread_cond_signal(&q.condiction);
     if (fn == exitq) join = q.commandq_thread_;  // read once, here
   }
-  ARBOR_LOG(3, "function:%p", fn_address(fn));
+  if (tracing) ARBOR_LOG(3, "function:%p", fn_address(fn));
   if (fn == exitq && join != kNoThread) {
     if (pthread_equal(join, pthread_self())) {
       // A handler pushed the marker: joining would wait for ourselves.
@@ -294,13 +307,18 @@ CommandHandler _commandq_push(CommandHandler fn, uintptr_t arg,
 // more was accepted.
 bool run_command(CommandItem* item) {
   const CommandHandler fn = item->fn;
-  ARBOR_LOG(3, "%s: execute function:%p", "Thread_commandq_consume",
-            fn_address(fn));
+  // One look at the threshold for the three trace lines of a command; a
+  // handler that changes it changes the lines of the next command.
+  const bool tracing = LOG_GetLevel() >= 3;
+  if (tracing)
+    ARBOR_LOG(3, "%s: execute function:%p", "Thread_commandq_consume",
+              fn_address(fn));
   fn(item->arg, item->payload, item->size);
-  ARBOR_LOG(3, "%s: execute function:%p, return", "Thread_commandq_consume",
-            fn_address(fn));
+  if (tracing)
+    ARBOR_LOG(3, "%s: execute function:%p, return", "Thread_commandq_consume",
+              fn_address(fn));
   if (item->payload != nullptr) {
-    cached_take(item->size);
+    cached_take(item->size, tracing);
     cmdq_payload_free(item);
   }
   return fn == exitq;
@@ -322,7 +340,7 @@ void* Thread_commandq_consume(void* arg) {
     CommandLink* oldest;
     {
       QueueLock lock(&q->mutex);
-      q->queued.fetch_sub(ran, std::memory_order_relaxed);
+      add_under_mutex(q->queued, -ran);
       ran = 0;
       cmdq_items_keep(*q, &spent);
       while (q->head.prev == &q->head) {
@@ -355,7 +373,7 @@ void* Thread_commandq_consume(void* arg) {
     // Closed: no push takes an item any more.
     QueueLock lock(&q->mutex);
     q->commandq_thread_ = kNoThread;
-    q->queued.fetch_sub(ran, std::memory_order_relaxed);
+    add_under_mutex(q->queued, -ran);
     kept = q->free_items;
     q->free_items = nullptr;
     q->free_count = 0;
@@ -447,12 +465,17 @@ ARBOR_EXPORT void device_exit(void) {
 ARBOR_EXPORT CommandHandler cmdq_push(const char* name, CommandHandler fn,
                                       uintptr_t arg, const void* payload,
                                       uint32_t size) {
-  ARBOR_LOG(3, "q: %s:%p", name != nullptr ? name : "", fn_address(fn));
-  return _commandq_push(fn, arg, payload, size);
+  const bool tracing = LOG_GetLevel() >= 3;
+  if (tracing)
+    ARBOR_LOG(3, "q: %s:%p", name != nullptr ? name : "", fn_address(fn));
+  return _commandq_push(fn, arg, payload, size, tracing);
 }
 
 ARBOR_EXPORT uint32_t cached_size_inc(uint32_t size) {
-  cached_added.bytes.fetch_add(size);
+  {
+    QueueLock lock(&queue_.mutex);  // the pushers' side: see add_under_mutex
+    add_under_mutex(cached_added.bytes, size);
+  }
   const uint32_t total = cached_now();
   ARBOR_LOG(3, "cached: inc size=%u, total=%u", size, total);
   return total;

@@ -116,9 +116,12 @@ ARBOR_EXPORT void rsc_lan_data_incoming(uint32_t qvid, uint32_t pipe,
   if (type == QVTP_INBAND) {
     lan_inband(qvid, pipe, data, size);
   } else if (type == QVTP_RTP) {
-    ARBOR_LOG(3, "%s:%d(qvid=%u, pipe=%u,QVTP_RTP: size=%u, %04x...)",
-              "rsc_lan_data_incoming", static_cast<int>(frame_seq(data, size)),
-              qvid, pipe, size, frame_word(data, size));
+    // Looked up first: the line's fields cost a frame more than the look.
+    if (LOG_GetLevel() >= 3)
+      ARBOR_LOG(3, "%s:%d(qvid=%u, pipe=%u,QVTP_RTP: size=%u, %04x...)",
+                "rsc_lan_data_incoming",
+                static_cast<int>(frame_seq(data, size)), qvid, pipe, size,
+                frame_word(data, size));
     push_media(qvid, get_lan_cdef(), static_cast<int32_t>(pipe), 0, data,
                size);
   } else {
