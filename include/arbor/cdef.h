@@ -56,7 +56,9 @@ typedef void (*DeviceCallback)(const cdef* cls, const char* var,
  * thread" is the thread that the engine starts for a root whose Open asked
  * for threading. A read thread's stack is ARBOR_READ_THREAD_STACK bytes, not
  * the process's default: Read, and Write and Convert when they run there,
- * keep large buffers off the stack.
+ * keep large buffers off the stack (and so does whatever they call at once:
+ * an event emitted through the device callback reaches the host's local
+ * handlers on the same stack).
  *
  * Reserved       Not a function. The engine neither reads nor writes it in a
  *                registered record. May be null.

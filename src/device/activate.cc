@@ -75,6 +75,8 @@ int32_t tree_confirm_threading(TreeRoot* root) {
     return -1;
   }
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_JOINABLE);
+  // Fails only below PTHREAD_STACK_MIN, which the size is far above; the
+  // default stack would then stay, which is harmless.
   pthread_attr_setstacksize(&attr, kReadThreadStack);
   root_ref(root);  // the thread's reference
   int rc = EAGAIN;

@@ -17,9 +17,11 @@
 //    added by pushers and bytes taken away by the consumer, each on a cache
 //    line of its own, so that the two sides do not trade one line per
 //    command; the total is their difference. A push adds before its item
-//    becomes visible, so the total never dips below zero. Every writer of
-//    the added side holds the mutex (cached_size_inc takes it too), so a
-//    push adds with a plain load and store, not a locked instruction.
+//    becomes visible, so the total never dips below zero. Pushers add
+//    only under the mutex, so with a plain load and store, not a locked
+//    instruction; cached_size_inc, which any thread may call at any time
+//    (a host's log sink under the queue's mutex among them), adds to a
+//    third counter of its own with an atomic step and takes no lock.
 //  - Items are reused: the consumer hands the items it has run back at its
 //    next hold of the mutex (up to kItemKeep kept), and a push takes one
 //    from there, so a stream of frames allocates no item per frame. A
@@ -125,12 +127,12 @@ CommandQueue queue_ = {
 struct alignas(64) CachedCount {
   std::atomic<uint32_t> bytes{0};
 };
-CachedCount cached_added, cached_taken;
+CachedCount cached_added, cached_added_outside, cached_taken;
 
 // The taken side is read first: whatever it counts was added before.
 uint32_t cached_now() {
   const uint32_t taken = cached_taken.bytes.load();
-  return cached_added.bytes.load() - taken;
+  return cached_added.bytes.load() + cached_added_outside.bytes.load() - taken;
 }
 
 // Adds to a counter whose every writer holds the queue's mutex: a plain
@@ -472,10 +474,7 @@ ARBOR_EXPORT CommandHandler cmdq_push(const char* name, CommandHandler fn,
 }
 
 ARBOR_EXPORT uint32_t cached_size_inc(uint32_t size) {
-  {
-    QueueLock lock(&queue_.mutex);  // the pushers' side: see add_under_mutex
-    add_under_mutex(cached_added.bytes, size);
-  }
+  cached_added_outside.bytes.fetch_add(size);
   const uint32_t total = cached_now();
   ARBOR_LOG(3, "cached: inc size=%u, total=%u", size, total);
   return total;

@@ -60,8 +60,9 @@ LeafIndexEntry* root_find_leaf_by_sid(TreeRoot* root, const char* sid) {
   return nullptr;
 }
 
-// Lock order: forest mutex, then each root's lock for reading. The reference is taken before the root's
-// lock is released, so the root cannot be swept between the two.
+// Lock order: forest mutex, then each root's lock for reading. The
+// reference is taken before the root's lock is released, so the root cannot
+// be swept between the two.
 TreeRoot* forest_ref_tree_by_sid(const char* sid) {
   std::lock_guard<std::mutex> lock(forest_.mutex);
   for (TreeRoot* root = forest_.head.next; root != nullptr;

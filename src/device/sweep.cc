@@ -61,8 +61,13 @@ void forest_clean_pass() {
     ARBOR_LOG(3, "%s: use_count=%d, use_thread=%d",
               root->node.name != nullptr ? root->node.name : "",
               root_use_count(root), root->use_thread.load());
+    // The count first: a thread that gave its reference back had set -111
+    // before, so reading the state after a count of 0 cannot miss the join
+    // (read the other way round, a thread ending in between would be freed
+    // with its root and never joined).
+    const bool unused = root_use_count(root) == 0;
     if (root->use_thread < -1) root_join_thread(root);
-    if (root_use_count(root) == 0) {
+    if (unused) {
       forest_unlink_free(prev, root);
     } else {
       prev = root;
@@ -78,8 +83,11 @@ TreeRoot* sweep_walk(const cdef* device, uint32_t uid, int32_t xfd) {
   TreeRoot* prev = &forest_.head;
   TreeRoot* root = prev->next;
   while (root != nullptr) {
+    // The count before the state, as in forest_clean_pass: a count of 0
+    // then guarantees that a thread's -111 is seen and the thread joined.
+    const int32_t count = root_use_count(root);
     const int32_t state = root->use_thread;
-    if (root_use_count(root) != 0 && state >= -1) {
+    if (count != 0 && state >= -1) {
       if (root->uid == uid && root->node.device == device &&
           root->node.xfd == xfd) {
         root_ref(root);
