@@ -53,14 +53,10 @@ size_t count_of(const State& st, scripted_fn fn) {
 // True for a run length that scripted_push_result accepts.
 bool times_valid(int32_t times) { return times > 0 || times == SCRIPTED_ALWAYS; }
 
-// Calls the registered WAN callback outside the lock. -1 when none.
+// Calls the registered WAN callback, read without the lock. -1 when none.
 int32_t wan_deliver(uint32_t pipe, uint32_t type, uint32_t size, const void* data) {
   State& st = scripted::state_get();
-  WanCallback callback;
-  {
-    std::lock_guard lock(st.mutex);
-    callback = st.wan;
-  }
+  const WanCallback callback = st.wan.load();
   if (callback == nullptr) {
     ARBOR_LOG(3, "inject WAN pipe=%u type=%u size=%u: no callback", pipe, type, size);
     return -1;
@@ -70,21 +66,18 @@ int32_t wan_deliver(uint32_t pipe, uint32_t type, uint32_t size, const void* dat
   return 0;
 }
 
-// Calls the registered LAN callback outside the lock. -1 when none.
+// Calls the registered LAN callback, read without the lock. -1 when none.
 int32_t lan_deliver(uint32_t from, uint32_t pipe, uint32_t type, uint32_t size,
                     const void* data) {
   State& st = scripted::state_get();
-  LanCallback callback;
-  {
-    std::lock_guard lock(st.mutex);
-    callback = st.lan;
-  }
+  const LanCallback callback = st.lan.load();
   if (callback == nullptr) {
     ARBOR_LOG(3, "inject LAN from=%u pipe=%u type=%u size=%u: no callback", from, pipe,
               type, size);
     return -1;
   }
-  ARBOR_LOG(3, "inject LAN from=%u pipe=%u type=%u size=%u", from, pipe, type, size);
+  if (LOG_GetLevel() >= 3)
+    ARBOR_LOG(3, "inject LAN from=%u pipe=%u type=%u size=%u", from, pipe, type, size);
   callback(from, pipe, type, size, data);
   return 0;
 }

@@ -9,6 +9,7 @@
 #define ARBOR_SCRIPTED_STATE_H
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -45,8 +46,12 @@ struct State {
   std::array<std::vector<size_t>, SCRIPTED_FN_COUNT> by_fn;
   std::array<Script, SCRIPTED_FN_COUNT> scripts;
   std::map<uint16_t, Script> peer_scripts;
-  WanCallback wan = nullptr;
-  LanCallback lan = nullptr;
+  // The callbacks are set and cleared under mutex, but read without it:
+  // an injected frame then costs the test transport no lock, as a frame
+  // from a real transport's reader costs none, so that a benchmark of the
+  // receiving road measures the engine and not this transport's records.
+  std::atomic<WanCallback> wan{nullptr};
+  std::atomic<LanCallback> lan{nullptr};
 };
 
 // The one instance. Created on first use and never destroyed, so a transport
