@@ -37,7 +37,7 @@ std::atomic<bool> fail_next_thread{false};
 // freed thread stacks for reuse: at 256 KiB a host that opens and closes
 // sources quickly (a session per source, each with its thread) reuses up to
 // 160 stacks instead of mapping, guarding and unmapping 8 MiB for each
-// thread, which took a third of the CPU of such churn. Drivers learn the
+// thread, which took a fifth of the CPU of such churn. Drivers learn the
 // size from arbor/cdef.h (ARBOR_READ_THREAD_STACK).
 constexpr size_t kReadThreadStack = ARBOR_READ_THREAD_STACK;
 
