@@ -136,7 +136,8 @@ uint32_t cached_now() {
 }
 
 // Adds to a counter whose every writer holds the queue's mutex: a plain
-// load and store, which a reader without the mutex sees whole.
+// load and store, which a reader without the mutex sees whole. The sum is
+// modulo 2^32, so the consumer lowers a count by adding its negation.
 void add_under_mutex(std::atomic<uint32_t>& word, uint32_t n) {
   word.store(word.load(std::memory_order_relaxed) + n,
              std::memory_order_release);
