@@ -1,4 +1,9 @@
-// The command queue: order under a burst, the payload rules, the exit marker.
+// The command queue: order under a burst, the payload rules, the exit
+// marker, the consumer's scheduling.
+#include <pthread.h>
+#include <sched.h>
+
+#include <cerrno>
 #include <thread>
 
 #include "forest_fixture.h"
@@ -69,6 +74,74 @@ TEST_F(CommandQueue, ExitMarkerPushedByACommandClosesWithoutWaitingForItself) {
   EXPECT_TRUE(WaitFor([] { return !cmdq_running(); }));
   int v[2] = {0, 0};
   EXPECT_EQ(cmdq_push("Record", Record, 0, v, sizeof v), nullptr);
+}
+
+// The scheduling policy of the consumer, and of a thread that a command
+// starts with cmdq_thread_sched's attributes, as SeeSched found them.
+std::atomic<int> consumer_policy{-1}, started_policy{-1};
+
+int OwnPolicy() {
+  int policy = -1;
+  sched_param param{};
+  pthread_getschedparam(pthread_self(), &policy, &param);
+  return policy;
+}
+
+void SeeSched(uintptr_t, const void*, uint32_t) {
+  consumer_policy = OwnPolicy();
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  cmdq_thread_sched(&attr);
+  pthread_t thread;
+  auto body = [](void*) -> void* {
+    started_policy = OwnPolicy();
+    return nullptr;
+  };
+  if (pthread_create(&thread, &attr, body, nullptr) == 0) pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+}
+
+void PushSeeSched() {
+  consumer_policy = started_policy = -1;
+  cmdq_push("SeeSched", SeeSched, 0, nullptr, 0);
+  forest_test::Drain();
+}
+
+// The consumer must not preempt the threads that push to it, but the
+// threads it starts (a source's read thread) run as the host's do.
+TEST_F(CommandQueue, TheConsumerRunsAsBatchAndTheThreadsItStartsAsTheHost) {
+  PushSeeSched();
+  EXPECT_EQ(consumer_policy.load(), SCHED_BATCH);
+  EXPECT_EQ(started_policy.load(), SCHED_OTHER);
+}
+
+// A host whose threads run under a real-time policy keeps it on the
+// consumer and on what the consumer starts.
+TEST_F(CommandQueue, AHostsRealTimePolicyIsKept) {
+  device_stop();
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+  pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
+  sched_param param{};
+  param.sched_priority = 1;
+  pthread_attr_setschedparam(&attr, &param);
+  pthread_t starter;
+  auto start = [](void*) -> void* {
+    device_start();
+    return nullptr;
+  };
+  const int err = pthread_create(&starter, &attr, start, nullptr);
+  pthread_attr_destroy(&attr);
+  if (err == EPERM) {
+    device_start();  // for the fixture's stop
+    GTEST_SKIP() << "a real-time policy needs CAP_SYS_NICE, which this process lacks";
+  }
+  ASSERT_EQ(err, 0);
+  pthread_join(starter, nullptr);
+  PushSeeSched();
+  EXPECT_EQ(consumer_policy.load(), SCHED_FIFO);
+  EXPECT_EQ(started_policy.load(), SCHED_FIFO);
 }
 
 }  // namespace
