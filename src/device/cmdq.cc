@@ -378,6 +378,7 @@ void cmdq_consumer_sched() {
 void* Thread_commandq_consume(void* arg) {
   auto* q = static_cast<CommandQueue*>(arg);
   on_consumer = true;
+  pthread_setname_np(pthread_self(), "arbor-commands");
   cmdq_consumer_sched();
   ARBOR_LOG(3, "%s running: %#x", "Thread_commandq_consume", kernel_tid());
   bool ended = false;

@@ -9,6 +9,7 @@
 // released, on the same thread, in the order the walk queued them. A
 // deferred job holds copies only (uids, pipe, bytes), never a node, so the
 // tree may change between the walk and the send.
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -268,6 +269,7 @@ int32_t walk_tree(ResponseList* respr, TreeNode* node, NodeFn fn,
 // goes, and the sweep joins and frees as for any ended thread.
 void* thread_read_root(void* arg) {
   auto* root = static_cast<TreeRoot*>(arg);
+  pthread_setname_np(pthread_self(), "arbor-read");
   TreeNode* node = root_node(root);
   const char* name = node_label(node);
   ARBOR_LOG(2, "thread: %s:%x: %s", "thread_read_root", kernel_tid(), name);

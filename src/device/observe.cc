@@ -10,6 +10,7 @@
 // library is unloaded; it takes no forest lock.
 #include "device/observe.h"
 
+#include <pthread.h>
 #include <time.h>
 
 #include <condition_variable>
@@ -101,6 +102,7 @@ class Observer {
   // new observer is set; it then hands the new one's first events to the
   // old observer, as if they had been queued before the clear.
   void Run(uint64_t generation) {
+    pthread_setname_np(pthread_self(), "arbor-observer");
     std::unique_lock lock(mutex_);
     for (;;) {
       wake_.wait(lock, [&] { return generation != generation_ || !queue_.empty(); });

@@ -227,6 +227,7 @@ void tq_wait(TimedQueue* q, const timespec* until) {
 
 void* tq_thread_func(void* param) {
   auto* q = static_cast<TimedQueue*>(param);
+  pthread_setname_np(pthread_self(), "arbor-timed");
   while (q->last_fn.load(std::memory_order_acquire) != tq_exit_marker) {
     pthread_mutex_lock(&q->mutex);
     TqTime now{};

@@ -8,6 +8,8 @@
 #ifndef ARBOR_NET_IO_THREADS_H
 #define ARBOR_NET_IO_THREADS_H
 
+#include <pthread.h>
+
 #include <asio.hpp>
 #include <thread>
 #include <vector>
@@ -18,8 +20,11 @@ namespace arbor::net {
 
 class IoThreads {
  public:
-  // name is for log lines ("LAN", "WAN") and must outlive the object.
-  explicit IoThreads(const char* name) : name_(name), work_(asio::make_work_guard(io_)) {}
+  // name is for log lines ("LAN", "WAN") and must outlive the object;
+  // thread_name (at most 15 characters) is what ps and top show for the
+  // threads.
+  IoThreads(const char* name, const char* thread_name)
+      : name_(name), thread_name_(thread_name), work_(asio::make_work_guard(io_)) {}
   ~IoThreads() { Stop(); }
   IoThreads(const IoThreads&) = delete;
   IoThreads& operator=(const IoThreads&) = delete;
@@ -60,6 +65,7 @@ class IoThreads {
 
  private:
   void Run() {
+    pthread_setname_np(pthread_self(), thread_name_);
     for (;;) {
       try {
         io_.run();
@@ -71,6 +77,7 @@ class IoThreads {
   }
 
   const char* const name_;
+  const char* const thread_name_;
   asio::io_context io_;
   asio::executor_work_guard<asio::io_context::executor_type> work_;
   std::vector<std::thread> threads_;

@@ -117,7 +117,7 @@ class LanSide : public LinkOwner, public PresenceListener {
   const Handler handler_;
   const uint64_t instance_;
   LinkSettings settings_;  // fixed once Listen has the port
-  IoThreads io_threads_{"LAN"};  // declared before everything that runs on it
+  IoThreads io_threads_{"LAN", "arbor-lan-io"};  // declared before everything that runs on it
   asio::strand<asio::io_context::executor_type> accept_strand_;
   asio::steady_timer accept_retry_;  // on accept_strand_
   asio::ip::tcp::acceptor acceptor_;

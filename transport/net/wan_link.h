@@ -120,7 +120,7 @@ class WanLink : public LinkOwner {
   const Handler handler_;
   const WanOptions options_;
   LinkSettings settings_;
-  IoThreads io_threads_{"WAN"};  // one thread; declared before what runs on it
+  IoThreads io_threads_{"WAN", "arbor-wan-io"};  // one thread; declared before what runs on it
   asio::steady_timer redial_;
   std::atomic<bool> stopping_{false};
   std::mutex stop_mutex_;  // one Stop at a time
