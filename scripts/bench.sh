@@ -191,6 +191,9 @@ P5 idle own roots + threads 10000|m_t10k|value|<=|2048|B/session|1
 P5 churn own root + thread|c_thr|value|<=|256|KiB growth|1
 P5 churn own root|c_own|value|<=|256|KiB growth|1
 P5 churn shared root|c_shr|value|<=|256|KiB growth|1
+LAN fan-out N=1|net1|ratio|>=|0.65|of raw TCP|1
+LAN fan-out N=4|net4|ratio|>=|0.65|of raw TCP|1
+LAN fan-out N=8|net8|ratio|>=|0.65|of raw TCP|1
 "
 
 # ------------------------------------------------------------------- runs

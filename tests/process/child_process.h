@@ -73,6 +73,12 @@ class ChildProcess {
     if (pid_ > 0 && !reaped_) kill(pid_, SIGKILL);
   }
 
+  // Stops (SIGSTOP) or continues (SIGCONT) the child, for a benchmark
+  // that measures two groups of processes in turns on the same cores.
+  void Pause(bool paused) {
+    if (pid_ > 0 && !reaped_) kill(pid_, paused ? SIGSTOP : SIGCONT);
+  }
+
   // The first line holding needle that the child printed so far or prints
   // before `limit` passes; "" on time-out or end of output.
   std::string WaitForLine(const std::string& needle, std::chrono::milliseconds limit) {
