@@ -140,9 +140,9 @@ p1_8g|P1 8 sinks, against GStreamer|p1_8|value|chunks/s|gst_8|value|1|GStreamer 
 p2_188|P2 LAN peer > sink, 188 B|p2_188|value|frames/s|queue_188|value|1|two-copy queue
 p2_1400|P2 LAN peer > sink, 1,400 B|p2_1400|value|frames/s|queue_1400|value|1|two-copy queue
 p2_63488|P2 LAN peer > sink, 63,488 B|p2_63488|value|frames/s|queue_63488|value|1|two-copy queue
-net1|net fan-out (libarbor-net), 1 peer|fanout_1|value|chunks/s|fanout_1|anchor|1|raw TCP
-net4|net fan-out (libarbor-net), 4 peers|fanout_4|value|chunks/s|fanout_4|anchor|1|raw TCP
-net8|net fan-out (libarbor-net), 8 peers|fanout_8|value|chunks/s|fanout_8|anchor|1|raw TCP
+net1|LAN fan-out (libarbor-net), 1 peer|fanout_1|value|chunks/s|fanout_1|anchor|1|raw TCP
+net4|LAN fan-out (libarbor-net), 4 peers|fanout_4|value|chunks/s|fanout_4|anchor|1|raw TCP
+net8|LAN fan-out (libarbor-net), 8 peers|fanout_8|value|chunks/s|fanout_8|anchor|1|raw TCP
 d_thr|P4 dial-start-hang-up, own root + thread|p4_dial_thread|value|sessions/s||||
 d_own|P4 dial-start-hang-up, own root|p4_dial_own|value|sessions/s||||
 d_shr|P4 dial-start-hang-up, shared root|p4_dial_shared|value|sessions/s||||
