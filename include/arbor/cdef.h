@@ -60,11 +60,12 @@ typedef void (*DeviceCallback)(const cdef* cls, const char* var,
  * an event emitted through the device callback reaches the host's local
  * handlers on the same stack).
  *
- * The consumer runs under SCHED_BATCH when the host's threads run under
- * SCHED_OTHER, so that it never preempts the threads that feed it. A read
- * thread runs under the host's policy; a thread that a driver starts from a
- * slot called on the consumer inherits SCHED_BATCH unless the driver gives
- * it a policy of its own (pthread_attr_setinheritsched).
+ * Write and Convert, when the consumer calls them for a frame received from
+ * a peer, run under SCHED_BATCH if the thread that called SysInit ran under
+ * SCHED_OTHER: the consumer must not preempt the thread that handed the
+ * frame in. A thread started from there inherits that policy. Every other
+ * slot called on the consumer, and every read thread, runs under the policy
+ * of the thread that called SysInit.
  *
  * Reserved       Not a function. The engine neither reads nor writes it in a
  *                registered record. May be null.

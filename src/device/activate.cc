@@ -78,10 +78,6 @@ int32_t tree_confirm_threading(TreeRoot* root) {
   // Fails only below PTHREAD_STACK_MIN, which the size is far above; the
   // default stack would then stay, which is harmless.
   pthread_attr_setstacksize(&attr, kReadThreadStack);
-  // A source reads under the host's scheduling, not the consumer's batch
-  // policy: a read thread is woken by its driver and must not wait for the
-  // tick to run.
-  cmdq_thread_sched(&attr);
   root_ref(root);  // the thread's reference
   int rc = EAGAIN;
   if (!fail_next_thread.exchange(false))

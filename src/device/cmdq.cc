@@ -51,6 +51,7 @@
 
 #include "arbor/device_class.h"
 #include "arbor/forest.h"
+#include "arbor/inband.h"
 #include "arbor/strutils.h"
 #include "arbor/support.h"
 #include "device/forest.h"
@@ -328,49 +329,58 @@ bool run_command(CommandItem* item) {
   return fn == exitq;
 }
 
-// The scheduling the consumer was started with (it inherits that of
-// device_start's caller), kept for the threads it starts; and whether it
-// then set itself to SCHED_BATCH. Written by the consumer before it runs a
-// command, read only by commands.
+// The consumer's scheduling policy, managed command by command (see
+// cmdq_sched_for). Lives on the consumer's stack.
 struct ConsumerSched {
-  int policy = SCHED_OTHER;
-  sched_param param{};
-  bool batch = false;
+  bool managed = false;  // the consumer was started under SCHED_OTHER
+  bool batch = false;    // it runs under SCHED_BATCH now
 };
-ConsumerSched consumer_sched;
 
-// Keeps the consumer from preempting the threads that feed it. A push
-// signals the consumer with the queue's mutex held; under SCHED_OTHER the
-// kernel lets the woken consumer take the pusher's CPU at once, so on a
-// machine whose cores are all busy the pusher (the transport's thread, on
-// the receiving road) was put aside in the middle of its push, the consumer
-// blocked on the mutex the pusher still held, and each frame took two
-// context switches more: about a third of the receiving road's throughput
-// in the LAN fan-out benchmark on two cores. Under SCHED_BATCH the consumer
-// is woken as before but never preempts on wake-up: it runs at once on an
-// idle core, else when the pusher sleeps or at the next tick, with the same
-// share of the CPU as before, and takes what was pushed meanwhile in one
-// batch. The cost is that latency (a scheduler slice at most, and only on a
-// saturated machine) for the commands and the frames that sinks are given
-// here.
+// A received frame (Tree_inflate) runs under SCHED_BATCH, every other
+// command under SCHED_OTHER, the policy the consumer was started with.
 //
-// Only from SCHED_OTHER: a host that runs its threads under a real-time
-// policy keeps it. A refusal (a sandbox that forbids the call) leaves the
-// thread as it was.
-void cmdq_consumer_sched() {
-  ConsumerSched& s = consumer_sched;
-  s = ConsumerSched{};
-  if (pthread_getschedparam(pthread_self(), &s.policy, &s.param) != 0 ||
-      s.policy != SCHED_OTHER)
-    return;
-  const sched_param batch{};
-  const int err = pthread_setschedparam(pthread_self(), SCHED_BATCH, &batch);
+// Why frames: a push signals the consumer with the queue's mutex held, and
+// under SCHED_OTHER the kernel lets the woken consumer take the pusher's
+// CPU at once. On a machine whose cores are all busy, the pusher of a
+// stream of frames (the transport's thread) was put aside in the middle of
+// its push, the consumer then blocked on the mutex the pusher still held,
+// and each frame took two context switches more: about a third of the
+// receiving road's throughput in the LAN fan-out benchmark on two cores. A
+// consumer that last ran a frame sleeps as a batch thread, and a batch
+// thread never preempts on wake-up: it runs at once on an idle core, else
+// when the pusher sleeps or its turn comes, with the same share of the CPU
+// as before, and takes what was pushed meanwhile in one go. The cost is
+// that wait, on a saturated machine only, for the frames and for the first
+// command after them.
+//
+// Why only frames: a thread inherits its creator's policy, and other
+// commands call the slots that start threads (a driver's Open building a
+// GStreamer pipeline, whose thread pool then serves the whole process; the
+// read threads): those must run as the host's threads do. A frame reaches
+// only Write and Convert. A stream of frames, or of commands, switches
+// nothing; a switch is one system call where the two kinds meet.
+//
+// Managed only when the consumer starts under SCHED_OTHER, as the kernel
+// reports it (glibc's cached policy may be stale): a host under a real-time
+// or an idle policy keeps it. Management stops when a switch is refused (a
+// sandbox) or when the policy is not the one this code set (someone else
+// changed it), leaving the thread as it is.
+void cmdq_sched_for(ConsumerSched& s, CommandHandler fn) {
+  const bool batch = fn == Tree_inflate;
+  if (!s.managed || batch == s.batch) return;
+  const int expected = s.batch ? SCHED_BATCH : SCHED_OTHER;
+  const int policy = batch ? SCHED_BATCH : SCHED_OTHER;
+  const sched_param param{};
+  const int err = sched_getscheduler(0) != expected
+                      ? EPERM
+                      : pthread_setschedparam(pthread_self(), policy, &param);
   if (err != 0) {
-    ARBOR_LOG(1, "%s: SCHED_BATCH refused (%s); the consumer stays SCHED_OTHER",
+    ARBOR_LOG(1, "%s: scheduling policy left as it is (%s)",
               "Thread_commandq_consume", std::strerror(err));
+    s.managed = false;
     return;
   }
-  s.batch = true;
+  s.batch = batch;
 }
 
 // The consumer: runs the commands in order; after the marker it sweeps the
@@ -379,7 +389,8 @@ void* Thread_commandq_consume(void* arg) {
   auto* q = static_cast<CommandQueue*>(arg);
   on_consumer = true;
   pthread_setname_np(pthread_self(), "arbor-commands");
-  cmdq_consumer_sched();
+  ConsumerSched sched;
+  sched.managed = sched_getscheduler(0) == SCHED_OTHER;
   ARBOR_LOG(3, "%s running: %#x", "Thread_commandq_consume", kernel_tid());
   bool ended = false;
   CommandItem* spent = nullptr;  // items run since the last hold of the mutex
@@ -409,6 +420,7 @@ void* Thread_commandq_consume(void* arg) {
     for (CommandLink* link = oldest; link != nullptr && !ended;) {
       auto* item = reinterpret_cast<CommandItem*>(link);
       link = link->prev;  // the next newer, read before the item is reused
+      cmdq_sched_for(sched, item->fn);
       ended = run_command(item);
       item->link.next = reinterpret_cast<CommandLink*>(spent);
       spent = item;
@@ -548,14 +560,6 @@ int cmdq_running() {
 }
 
 bool cmdq_on_consumer() { return on_consumer; }
-
-void cmdq_thread_sched(pthread_attr_t* attr) {
-  const ConsumerSched& s = consumer_sched;
-  if (!on_consumer || !s.batch) return;
-  pthread_attr_setinheritsched(attr, PTHREAD_EXPLICIT_SCHED);
-  pthread_attr_setschedpolicy(attr, s.policy);
-  pthread_attr_setschedparam(attr, &s.param);
-}
 
 void cmdq_test_fail_next_start() { fail_next_start.store(true); }
 

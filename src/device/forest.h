@@ -35,8 +35,6 @@
 #ifndef ARBOR_SRC_DEVICE_FOREST_H
 #define ARBOR_SRC_DEVICE_FOREST_H
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -314,12 +312,6 @@ uint32_t cmdq_queued();
 int cmdq_running();
 // True on the consumer thread, the one thread that builds trees.
 bool cmdq_on_consumer();
-// For a thread that a command starts: gives it the scheduling the consumer
-// was started with (the host's), not the SCHED_BATCH the consumer runs
-// under, which it would otherwise inherit. Does nothing off the consumer
-// or when the consumer kept its policy. Cannot fail: attribute setters
-// with values read from a live thread.
-void cmdq_thread_sched(pthread_attr_t* attr);
 
 // Test seams, never called by the engine: the next device_start fails to
 // start its thread; and after `after` more successful allocations of items
