@@ -368,12 +368,15 @@ struct ConsumerSched {
 void cmdq_sched_for(ConsumerSched& s, CommandHandler fn) {
   const bool batch = fn == Tree_inflate;
   if (!s.managed || batch == s.batch) return;
-  const int expected = s.batch ? SCHED_BATCH : SCHED_OTHER;
-  const int policy = batch ? SCHED_BATCH : SCHED_OTHER;
+  if (sched_getscheduler(0) != (s.batch ? SCHED_BATCH : SCHED_OTHER)) {
+    ARBOR_LOG(1, "%s: scheduling policy changed from outside; left as it is",
+              "Thread_commandq_consume");
+    s.managed = false;
+    return;
+  }
   const sched_param param{};
-  const int err = sched_getscheduler(0) != expected
-                      ? EPERM
-                      : pthread_setschedparam(pthread_self(), policy, &param);
+  const int err = pthread_setschedparam(
+      pthread_self(), batch ? SCHED_BATCH : SCHED_OTHER, &param);
   if (err != 0) {
     ARBOR_LOG(1, "%s: scheduling policy left as it is (%s)",
               "Thread_commandq_consume", std::strerror(err));
